@@ -1,0 +1,31 @@
+#include "periodic_jobs.h"
+
+#include <exception>
+
+#include "logger.h"
+
+namespace Vexa {
+
+PeriodicJobs::PeriodicJobs(Clock::time_point start, ClockSource clock) : start(start), clock(std::move(clock)) {}
+
+void PeriodicJobs::add(std::string name, std::chrono::milliseconds period, std::function<void()> job) {
+    jobs.push_back(Job{std::move(name), period, std::move(job), start});
+}
+
+void PeriodicJobs::runDue() {
+    for (auto& job : jobs) {
+        const auto now = clock();
+        if (now - job.lastRun <= job.period) {
+            continue;
+        }
+        job.lastRun = now;
+        // A failing job must not end the watcher thread: the others keep their schedule.
+        try {
+            job.work();
+        } catch (const std::exception& err) {
+            Syslog::error("%s: exception: %s", job.name.c_str(), err.what());
+        }
+    }
+}
+
+} // namespace Vexa

@@ -1,0 +1,266 @@
+#pragma once
+
+// The service object: owns the configuration, the session registry and the child table, and serves the one
+// D-Bus object "/ru/kelvo/vexa". It is a thin facade: each operation unpacks its arguments, calls the
+// subsystem and packs the answer; operations are defined in per-subsystem files dbus_<area>.cpp.
+// Threads: D-Bus operations run on the main thread (EventLoop::run); the watcher thread runs the periodic
+// jobs; detached workers hold shared pointers to the sessions they use.
+
+#include <atomic>
+#include <chrono>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <sdbus-c++/sdbus-c++.h>
+#include <vexa_adaptor.h>
+
+#include "common/json_config.h"
+#include "common/logger.h"
+#include "event_loop.h"
+#include "limits/resource_limits.h"
+#include "session/child_table.h"
+#include "session/registry.h"
+#include "session/service_defaults.h"
+
+namespace Vexa {
+
+inline constexpr const char* serviceBusName = "ru.kelvo.vexa";
+inline constexpr const char* serviceObjectPath = "/ru/kelvo/vexa";
+inline constexpr const char* sessionsStoreDir = "/var/lib/vexa/sessions";
+
+// Thrown out of start() when the bus connection was lost while running, after the orderly shutdown, so that
+// the process ends with a failure status and the service manager restarts it.
+class bus_lost : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class DBusService : public Syslog, public sdbus::AdaptorInterfaces<ru::kelvo::vexa_adaptor> {
+public:
+    DBusService(sdbus::IConnection& connection, const std::string& configPath, EventLoop& loop);
+    ~DBusService() override;
+
+    // Builds the bus connection and the service, runs the dispatcher until shutdown, tears down.
+    static void start(const std::string& configPath);
+
+    // Configuration.
+    std::shared_ptr<const JsonConfig> configuration() const;
+    void loadConfigDefaultValues();
+    void reloadConfigWatcher();
+    ServiceDefaults defaults() const;
+    LimitsDefaults resourceDefaults() const;
+
+    // Registry lookups (the sessions lock is taken inside).
+    SessionRegistry::SessionPtr findSession(const uint32_t& id) const { return sessions.findSession(id); }
+    SessionRegistry::SessionPtr findDisplaySession(const uint32_t& display) const {
+        return sessions.findDisplaySession(display);
+    }
+    std::shared_ptr<UserEx> findUserInfo(std::string_view name) const { return sessions.findUserInfo(name); }
+    std::list<SessionRegistry::SessionPtr> findUserSessions(std::string_view name) const {
+        return sessions.findUserSessions(name);
+    }
+
+    // Called once when the dispatcher has stopped: drops every session and ends the children still running.
+    void sessionsClear();
+
+    // Watcher thread body: periodic jobs while the service runs, then the stop sequence.
+    void watcherLoop();
+
+private:
+    void applyDefaults(const ServiceDefaults& next);
+
+    // Emits a signal from any thread and wakes the dispatcher so that it leaves at once.
+    template <typename Emit>
+    void emitSignal(const char* name, Emit&& emit) noexcept {
+        try {
+            std::forward<Emit>(emit)();
+        } catch (const std::exception& err) {
+            error("%s: exception: %s", name, err.what());
+        }
+        loop.wake();
+    }
+
+    // The one boundary of every D-Bus operation: exceptions are logged and answered with the failure value.
+    template <typename Result, typename Work>
+    Result boundary(const char* method, Result failure, Work&& work) noexcept {
+        try {
+            return std::forward<Work>(work)();
+        } catch (const std::exception& err) {
+            error("%s: exception: %s", method, err.what());
+        } catch (...) {
+            error("%s: exception: %s", method, "unknown");
+        }
+        return failure;
+    }
+    template <typename Work>
+    void boundary(const char* method, Work&& work) noexcept {
+        boundary(method, true, [&work] {
+            std::forward<Work>(work)();
+            return true;
+        });
+    }
+
+    // Operations whose subsystem is not built yet: logged, answered with the failure value.
+    template <typename Result>
+    static Result notImplemented(const char* method, Result failure) {
+        error("%s: not implemented", method);
+        return failure;
+    }
+    static void notImplemented(const char* method) { error("%s: not implemented", method); }
+
+    // D-Bus operations, by subsystem.
+    // Service core (dbus_core.cpp)
+    void busServiceShutdown() override;
+    void busSetDebugLevel(const std::string& value) override;
+    bool vexaStatus() override;
+    std::string vexaTest() override;
+    uint32_t vexaApiVersion() override;
+    void vexaSessionsLimit(const uint32_t& limit) override;
+    void vexaUsersLimit(const uint32_t& limit) override;
+
+    // Session reports (dbus_reports.cpp)
+    std::vector<sdbus::Struct<std::string, uint32_t>> vexaSessions() override;
+    std::string vexaSessionInfoJson(const uint32_t& session) override;
+    std::string vexaUserInfoJson(const std::string& user) override;
+    double vexaLoadAverage() override;
+    uint32_t zabbixSessionsTotal() override;
+    uint32_t zabbixSessionsOnline() override;
+    std::string vexaSessionProcess(const uint32_t& session) override;
+    std::string vexaTransportDisplayDBusAddress(const uint32_t& display) override;
+
+    // Session requests and login helper (dbus_requests.cpp)
+    int32_t busSessionRequest(const std::string& user, const std::string& pass, const uint8_t& depth, const uint16_t& width, const uint16_t& height) override;
+    int32_t busSessionDomainRequest(const std::string& user, const std::string& domain, const std::string& pass, const uint8_t& depth, const uint16_t& width, const uint16_t& height) override;
+    int32_t vexaSessionRequest(const std::string& params) override;
+    int32_t busProgramRequest(const std::string& user, const std::string& domain, const std::string& pass, const uint16_t& width, const uint16_t& height, const std::string& prog) override;
+    bool vexaLogin(const std::string& user, const std::string& domain, const std::string& pass) override;
+    bool vexaTestConnect(const std::string& user, const std::string& domain, const std::string& pass) override;
+    sdbus::Struct<int32_t, std::string> vexaLoginHelperStart(const std::string& user, const int32_t& transportPid) override;
+    std::string vexaLoginHelperStarted(const int32_t& transportPid) override;
+    void vexaLoginHelperAllowConnectForTransportTo(const int32_t& transportPid, const int32_t& x11Display, const std::string& xauthFile) override;
+    bool vexaTransportPolicyShowLoginHelper() override;
+    bool vexaLoginHelperPolicyShowSessions() override;
+    bool vexaLoginHelperPolicyShowKeyboard() override;
+
+    // Session shutdown and disconnect (dbus_shutdown.cpp)
+    bool busSessionShutdown(const std::string& username) override;
+    bool vexaSessionShutdown(const uint32_t& session) override;
+    bool vexaDisconnect(const uint32_t& session) override;
+    void vexaTransportDisplayShutdown(const uint32_t& display) override;
+
+    // Connection policy, proxy and transports (dbus_connect.cpp)
+    void proxyListenStarted(const uint32_t& session, const bool& status) override;
+    void proxyClientConnected(const uint32_t& session, const std::string& ipaddr) override;
+    void proxyListenTimeout(const uint32_t& timeout) override;
+    void proxySessionConnected(const uint32_t& session, const uint32_t& pid, const std::string& ipaddr) override;
+    bool vexaConnectRdpTransport(const uint32_t& session, const uint32_t& timeout) override;
+    bool vexaCheckProxyListen() override;
+    void vexaSessionPolicyConnect(const int32_t& session, const uint32_t& policy) override;
+    uint32_t vexaPolicyConnectDefault() override;
+    uint32_t vexaTransportDisplayInactivity(const uint32_t& display) override;
+    void vexaTransportDisplayInactivityEvent(const uint32_t& display) override;
+
+    // Time limits (dbus_timeouts.cpp)
+    void vexaSessionDurationLimit(const int32_t& session, const uint32_t& countsec) override;
+    void vexaSessionInactivityLimit(const int32_t& session, const uint32_t& countsec) override;
+    void vexaSessionDisconnectLimit(const int32_t& session, const uint32_t& countsec) override;
+    void vexaSessionSeamlessLimit(const int32_t& session, const uint32_t& countsec) override;
+    uint32_t vexaSeamlessTimeoutDefault() override;
+    uint32_t vexaDurationTimeoutDefault() override;
+    uint32_t vexaInactivityTimeoutDefault() override;
+    uint32_t vexaDisconnectTimeoutDefault() override;
+    void vexaUserSessionsCheckTimeouts(const std::string& username, const bool& check) override;
+
+    // Redirect and transport policies (dbus_redirect.cpp)
+    void vexaRdpSecurityPolicy(const uint32_t& session, const bool& nla, const bool& tls, const bool& rdp) override;
+    void vexaSessionPolicyRedirectPrinter(const int32_t& session, const bool& enable) override;
+    void vexaSessionPolicyRedirectAudio(const int32_t& session, const bool& enable) override;
+    void vexaSessionPolicyRedirectMicrophone(const int32_t& session, const bool& enable) override;
+    void vexaSessionPolicyRedirectClipboard(const int32_t& session, const bool& client2server, const bool& server2client) override;
+    void vexaSessionPolicyRedirectClipboardFile(const int32_t& session, const bool& enable) override;
+    void vexaSessionPolicyRedirectClipboardLimit(const int32_t& session, const uint32_t& limit) override;
+    void vexaSessionPolicyRedirectDrive(const int32_t& session, const bool& enable) override;
+    void vexaSessionPolicyRedirectSmartcard(const int32_t& session, const bool& enable) override;
+    bool vexaPolicyRedirectPrinterDefault() override;
+    bool vexaPolicyRedirectDriveDefault() override;
+    bool vexaPolicyRedirectSmartcardDefault() override;
+    bool vexaPolicyRedirectAudioDefault() override;
+    bool vexaPolicyRedirectMicrophoneDefault() override;
+    uint32_t vexaPolicyRedirectClipboardDefault() override;
+    bool vexaPolicyRedirectClipboardFileDefault() override;
+    uint32_t vexaPolicyRedirectClipboardLimitDefault() override;
+    uint64_t vexaTransportDisplayPolicyRedirect(const uint32_t& display) override;
+    uint64_t vexaTransportDisplayRdpKeepAlive(const uint32_t& display) override;
+    void vexaSessionPolicyRdpKeepAlive(const int32_t& session, const uint32_t& interval, const uint32_t& failures) override;
+    uint64_t vexaPolicyRdpKeepAliveDefault() override;
+
+    // Resource limits and freeze (dbus_limits.cpp)
+    uint32_t vexaCpuWeightDefault() override;
+    void vexaSessionLimitCpuWeight(const int32_t& session, const uint32_t& weight) override;
+    void vexaUserLimitCpuWeight(const std::string& login, const uint32_t& weight) override;
+    uint32_t vexaCpuQuotaDefault() override;
+    void vexaSessionLimitCpuQuota(const int32_t& session, const uint32_t& quota) override;
+    void vexaUserLimitCpuQuota(const std::string& login, const uint32_t& quota) override;
+    std::string vexaMemoryHighDefault() override;
+    void vexaSessionLimitMemoryHigh(const int32_t& session, const std::string& memory) override;
+    void vexaUserLimitMemoryHigh(const std::string& login, const std::string& memory) override;
+    std::string vexaMemoryMaxDefault() override;
+    void vexaSessionLimitMemoryMax(const int32_t& session, const std::string& memory) override;
+    void vexaUserLimitMemoryMax(const std::string& login, const std::string& memory) override;
+    uint32_t vexaTasksMaxDefault() override;
+    void vexaSessionLimitTasksMax(const int32_t& session, const uint32_t& tasks) override;
+    void vexaUserLimitTasksMax(const std::string& login, const uint32_t& tasks) override;
+    std::string vexaNetworkDenyDefault() override;
+    void vexaSessionNetworkDeny(const int32_t& session, const std::string& rules) override;
+    void vexaUserNetworkDeny(const std::string& login, const std::string& rules) override;
+    std::string vexaNetworkAllowDefault() override;
+    void vexaSessionNetworkAllow(const int32_t& session, const std::string& rules) override;
+    void vexaUserNetworkAllow(const std::string& login, const std::string& rules) override;
+    bool vexaSessionDisconnectedFreezeDefault() override;
+    void vexaSessionDisconnectedFreeze(const int32_t& session, const bool& val) override;
+
+    // Credentials (dbus_auth.cpp)
+    bool vexaCheckAuthUser(const std::string& user, const std::string& pass, const std::string& service) override;
+    bool vexaCheckAuthCertificate(const std::string& pemcert) override;
+
+    // Published programs (dbus_programs.cpp)
+    std::vector<std::string> vexaProgramList() override;
+    std::vector<uint8_t> vexaProgramIconPng(const std::string& program) override;
+
+    // Notifications and remote assistance (dbus_extras.cpp)
+    bool vexaSendNotify(const uint32_t& session, const std::string& header, const std::string& message, const uint8_t& level) override;
+    bool vexaSessionRemoteAssistance(const uint32_t& session, const bool& start) override;
+
+    // Display geometry (dbus_display.cpp)
+    void vexaSessionGeometry(const uint32_t& session, const uint16_t& width, const uint16_t& height) override;
+    bool vexaDisplayResize(const uint32_t& display, const uint16_t& width, const uint16_t& height) override;
+    bool vexaTransportDisplayMonitorsChanged(const uint32_t& display, const std::vector<sdbus::Struct<uint32_t, int32_t, int32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t>>& monitors) override;
+
+    const std::filesystem::path configPath;
+    const std::filesystem::path storeDir{sessionsStoreDir};
+    std::filesystem::path pidFile;
+    EventLoop& loop;
+
+    mutable std::mutex configLock; // guards `config`: swapped whole on reload by the watcher thread
+    std::shared_ptr<const JsonConfig> config;
+    std::atomic<int64_t> configModified{0}; // last seen modification time (s) of the configuration file
+
+    mutable std::mutex defaultsLock; // guards `serviceDefaults` and `limitsDefaults`; taken after the sessions lock
+    ServiceDefaults serviceDefaults;
+    LimitsDefaults limitsDefaults;
+
+    std::atomic<uint32_t> apiUsersLimit{0};    // set over D-Bus; 0: the configured limit applies
+    std::atomic<uint32_t> apiSessionsLimit{0}; // set over D-Bus; 0: the configured limit applies
+    std::atomic<bool> proxyListen{false};
+
+    int auditFd = -1;
+
+    SessionRegistry sessions;
+    ChildTable children;
+};
+
+} // namespace Vexa

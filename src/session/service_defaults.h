@@ -1,0 +1,57 @@
+#pragma once
+
+// Values copied from the configuration into the service at start and at every reload. New sessions take
+// their limits and policies from here; D-Bus setters for "all sessions" overwrite them until the next reload.
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include "common/json_config.h"
+#include "connect_policy.h"
+
+namespace Vexa {
+
+struct RedirectDefaults {
+    bool printer = true;
+    bool audio = true;
+    bool microphone = true;
+    bool clipboardServer = true;
+    bool clipboardClient = true;
+    bool clipboardFile = true;
+    bool drive = true;
+    bool smartcard = true;
+};
+
+struct ServiceDefaults {
+    std::string debugLevel = "info";
+    uint32_t startTimeout = 15;
+    uint32_t seamlessTimeout = 60;
+    uint32_t durationTimeout = 0;
+    uint32_t inactivityTimeout = 0;
+    uint32_t disconnectTimeout = 0;
+    uint32_t clipboardLimit = 0;
+    uint32_t keepAliveInterval = 0;
+    uint32_t keepAliveFailures = 0;
+    RedirectDefaults redirect;
+    ConnectPolicy connectPolicy = ConnectPolicy::PrevReplace;
+    bool disconnectedFreeze = false;
+    bool loginHelper = false;
+    bool loginSessions = false;
+    bool loginKeyboard = false;
+    bool shadowPolicy = false;
+    uint32_t displayStart = 101;
+    std::filesystem::path runtimeDir = "/run/vexa";
+};
+
+// Reads the keys in their documented order. Integers are stored as read (a negative value becomes a large
+// unsigned one) except "display:start", whose absolute value is used. Wrong JSON types throw.
+ServiceDefaults loadServiceDefaults(const JsonConfig& config);
+
+// The redirect-policy word of the default flags.
+uint32_t redirectPolicyWord(const RedirectDefaults& flags) noexcept;
+
+// The clipboard directions of the default flags, as the bits of the redirect-policy word.
+uint32_t clipboardPolicyWord(const RedirectDefaults& flags) noexcept;
+
+} // namespace Vexa

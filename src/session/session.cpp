@@ -1,0 +1,46 @@
+#include "session.h"
+
+#include <algorithm>
+
+#include "redirect_policy.h"
+
+namespace Vexa {
+
+Session::Session(uint32_t id, std::shared_ptr<UserEx> owner, const ServiceDefaults& defaults)
+    : sid(id), user(std::move(owner)), durationLimit(defaults.durationTimeout),
+      inactivityLimit(defaults.inactivityTimeout), disconnectLimit(defaults.disconnectTimeout),
+      seamlessLimit(defaults.seamlessTimeout), clipboardLimit(defaults.clipboardLimit),
+      startedTimepoint(std::chrono::system_clock::now()), onlinedTimepoint(startedTimepoint),
+      redirectPolicy(redirectPolicyWord(defaults.redirect)), policyConnect(defaults.connectPolicy),
+      disconnectedFreeze(defaults.disconnectedFreeze), rdpKeepAliveInterval(defaults.keepAliveInterval),
+      rdpKeepAliveFailures(defaults.keepAliveFailures) {}
+
+void Session::addConnectInfo(int pid, const std::string& remoteaddr) {
+    auto free = std::find_if(transports.begin(), transports.end(), [](const auto& slot) { return slot.pid == 0; });
+    if (free != transports.end()) {
+        free->pid = pid;
+        free->remoteaddr = remoteaddr;
+    }
+}
+
+TransportInfo* Session::findConnectInfo(int pid) {
+    auto found = std::find_if(transports.begin(), transports.end(), [pid](const auto& slot) { return slot.pid == pid; });
+    return found != transports.end() ? &*found : nullptr;
+}
+
+bool Session::haveActiveConnects() const {
+    return std::any_of(transports.begin(), transports.end(), [](const auto& slot) { return slot.isConnected(); });
+}
+
+void Session::resetAllConnects() {
+    for (auto& slot : transports) {
+        slot.reset(false);
+    }
+}
+
+std::filesystem::path Session::dbusSessionPath() const {
+    const std::filesystem::path base = user ? user->runtimedir : std::filesystem::path("/run/vexa");
+    return base / "vexa" / ("dbus_session_" + std::to_string(sid));
+}
+
+} // namespace Vexa

@@ -1,0 +1,102 @@
+#pragma once
+
+// One user's X display with its session manager, attached transports, limits and policies.
+// Owned by the registry through a shared pointer; other code holds shared pointers only while it works on
+// the session. Fields reached through the registry are guarded by the sessions lock (SessionRegistry).
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "connect_policy.h"
+#include "limits/resource_limits.h"
+#include "service_defaults.h"
+#include "transport_info.h"
+#include "user_info.h"
+
+namespace Vexa {
+
+inline constexpr size_t transportSlots = 4;
+
+class Session {
+public:
+    using SystemTime = std::chrono::system_clock::time_point;
+    using SteadyTime = std::chrono::steady_clock::time_point;
+
+    // A new session takes its limits and policies from the service defaults; it is started and online now.
+    Session(uint32_t id, std::shared_ptr<UserEx> user, const ServiceDefaults& defaults);
+    virtual ~Session() = default;
+
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // Stores the transport in the first free slot (pid 0); with all four taken nothing is stored.
+    void addConnectInfo(int pid, const std::string& remoteaddr);
+    // The slot holding this pid, if any.
+    TransportInfo* findConnectInfo(int pid);
+    // Some slot holds a running transport.
+    bool haveActiveConnects() const;
+    // Resets all four slots in order; running transports receive SIGTERM.
+    void resetAllConnects();
+
+    // File that receives the address of the session's own D-Bus bus: in the user's run-time directory, which
+    // the session's programs may write, named after the session id.
+    std::filesystem::path dbusSessionPath() const;
+
+    const uint32_t sid;
+    std::shared_ptr<UserEx> user;
+
+    int32_t display = -1; // X display number; -1 until one is chosen
+    std::filesystem::path xauthfile;
+    std::string gusId;
+    std::string xsessionName;
+    std::string xsessionProg;
+    std::list<std::string> xsessionArgs;
+    std::string dbusAddress;
+
+    uint32_t durationLimit = 0;
+    uint32_t inactivityLimit = 0;
+    uint32_t disconnectLimit = 0;
+    uint32_t seamlessLimit = 0;
+    uint32_t clipboardLimit = 0;
+
+    int32_t pid2 = 0;       // session manager; > 0 while it runs
+    int32_t assistance = 0; // remote-assistance process, 0 if none
+
+    SystemTime startedTimepoint;
+    SystemTime onlinedTimepoint;
+    SystemTime disconnectedTimepoint{}; // epoch: not disconnected
+
+    std::array<TransportInfo, transportSlots> transports;
+
+    std::string systemdSid;
+    std::optional<uint32_t> systemdSessionNumber;
+    std::string systemdSlice;
+    std::string systemdCgroup;
+    ResourceLimits sessionLimits; // limits set at session level
+
+    bool secNla = false;
+    bool secTls = false;
+    bool secRdp = false;
+    bool secAuth = false;
+
+    uint32_t redirectPolicy = 0;
+    ConnectPolicy policyConnect = ConnectPolicy::PrevReplace;
+    bool disconnectedFreeze = false;
+    uint32_t rdpKeepAliveInterval = 0;
+    uint32_t rdpKeepAliveFailures = 0;
+    bool seamlessMode = false;
+    bool loginMode = false;
+
+    // Not saved.
+    SteadyTime seamlessStopTime{}; // epoch: none
+    bool checkTimeouts = false;
+    bool policiesChanged = false;
+};
+
+} // namespace Vexa
