@@ -15,8 +15,14 @@ Json::Value parseStrict(std::string_view text, std::string& errors) {
     Json::Value root;
     Json::Reader reader(Json::Features::strictMode());
     const char* begin = text.data();
-    if (!reader.parse(begin, begin + text.size(), root, false)) {
-        errors = reader.getFormattedErrorMessages();
+    try {
+        if (!reader.parse(begin, begin + text.size(), root, false)) {
+            errors = reader.getFormattedErrorMessages();
+            return Json::Value();
+        }
+    } catch (const Json::Exception& err) {
+        // The reader throws instead of failing on some input, e.g. nesting deeper than its stack limit.
+        errors = err.what();
         return Json::Value();
     }
     return root;

@@ -2,14 +2,14 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstring>
 
 namespace Vexa::Utils {
 
 std::string stringLower(std::string_view text) {
     std::string result(text);
-    std::transform(result.begin(), result.end(), result.begin(), [](unsigned char c) {
-        return static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-    });
+    std::transform(result.begin(), result.end(), result.begin(),
+                   [](unsigned char c) { return static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c); });
     return result;
 }
 
@@ -23,6 +23,12 @@ std::string stringReplace(std::string_view text, std::string_view pattern, std::
         result.append(text.substr(pos, found - pos)).append(value);
     }
     return result.append(text.substr(pos));
+}
+
+std::string errnoText(int err) {
+    char buf[256];
+    // GNU strerror_r: returns either buf or a static text.
+    return strerror_r(err, buf, sizeof(buf));
 }
 
 bool processRunning(pid_t pid) noexcept {

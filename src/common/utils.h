@@ -13,6 +13,9 @@ std::string stringLower(std::string_view text);
 // Each occurrence of `pattern` in `text` becomes `value`.
 std::string stringReplace(std::string_view text, std::string_view pattern, std::string_view value);
 
+// Thread-safe text of an errno value (what strerror would say).
+std::string errnoText(int err);
+
 // A pid is running when it is positive and kill(pid, 0) succeeds.
 bool processRunning(pid_t pid) noexcept;
 

@@ -33,8 +33,7 @@ void DBusService::vexaSessionPolicyConnect(const int32_t&, const uint32_t&) {
 }
 
 uint32_t DBusService::vexaPolicyConnectDefault() {
-    return boundary("vexaPolicyConnectDefault", 0u,
-                    [this] { return static_cast<uint32_t>(defaults().connectPolicy); });
+    return boundary("vexaPolicyConnectDefault", 0u, [this] { return static_cast<uint32_t>(defaults().connectPolicy); });
 }
 
 uint32_t DBusService::vexaTransportDisplayInactivity(const uint32_t&) {

@@ -13,9 +13,8 @@ bool DBusService::vexaDisplayResize(const uint32_t&, const uint16_t&, const uint
 }
 
 bool DBusService::vexaTransportDisplayMonitorsChanged(
-    const uint32_t&,
-    const std::vector<sdbus::Struct<uint32_t, int32_t, int32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t,
-                                    uint32_t, uint32_t>>&) {
+    const uint32_t&, const std::vector<sdbus::Struct<uint32_t, int32_t, int32_t, uint32_t, uint32_t, uint32_t, uint32_t,
+                                                     uint32_t, uint32_t, uint32_t>>&) {
     return notImplemented("vexaTransportDisplayMonitorsChanged", false);
 }
 

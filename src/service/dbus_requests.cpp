@@ -14,8 +14,8 @@ int32_t DBusService::busSessionRequest(const std::string&, const std::string&, c
     return notImplemented("busSessionRequest", requestFailed);
 }
 
-int32_t DBusService::busSessionDomainRequest(const std::string&, const std::string&, const std::string&,
-                                             const uint8_t&, const uint16_t&, const uint16_t&) {
+int32_t DBusService::busSessionDomainRequest(const std::string&, const std::string&, const std::string&, const uint8_t&,
+                                             const uint16_t&, const uint16_t&) {
     return notImplemented("busSessionDomainRequest", requestFailed);
 }
 

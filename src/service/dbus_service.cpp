@@ -74,7 +74,8 @@ DBusService::DBusService(sdbus::IConnection& connection, const std::string& path
 
     auditFd = audit_open();
     if (auditFd < 0) {
-        warning("%s: %s failed, error: %s, code: %d", "DBusService", "audit_open", strerror(errno), errno);
+        const int err = errno;
+        warning("%s: %s failed, error: %s, code: %d", "DBusService", "audit_open", Utils::errnoText(err).c_str(), err);
     }
 
     const auto limitsFile = readJson(limitsFilePath);
@@ -102,11 +103,13 @@ DBusService::~DBusService() {
 void DBusService::start(const std::string& configPath) {
     umask(027);
 
-    // The name is requested only once the object exists, so no call can reach a half-built service.
+    // The name is requested first: a second instance stops here, before it touches the pid file or the run-time
+    // directory of the running one. Calls that arrive before the object is registered wait in the connection's
+    // queue, because nothing is dispatched until the loop runs.
     auto connection = sdbus::createSystemBusConnection();
+    connection->requestName(serviceBusName);
     EventLoop loop(*connection);
     auto service = std::make_unique<DBusService>(*connection, configPath, loop);
-    connection->requestName(serviceBusName);
 
     notice("%s: started, version %s, pid: %d, config: `%s', dbus timeout: %d", "start",
            productVersion("SERVICE").c_str(), getpid(), configPath.c_str(),
@@ -169,7 +172,9 @@ void DBusService::loadConfigDefaultValues() {
 void DBusService::reloadConfigWatcher() {
     struct stat st {};
     if (stat(configPath.c_str(), &st) != 0) {
-        warning("%s: %s failed, error: %s, code: %d", "reloadConfigWatcher", "stat", strerror(errno), errno);
+        const int err = errno;
+        warning("%s: %s failed, error: %s, code: %d", "reloadConfigWatcher", "stat", Utils::errnoText(err).c_str(),
+                err);
         return;
     }
 

@@ -133,15 +133,20 @@ private:
     std::string vexaTransportDisplayDBusAddress(const uint32_t& display) override;
 
     // Session requests and login helper (dbus_requests.cpp)
-    int32_t busSessionRequest(const std::string& user, const std::string& pass, const uint8_t& depth, const uint16_t& width, const uint16_t& height) override;
-    int32_t busSessionDomainRequest(const std::string& user, const std::string& domain, const std::string& pass, const uint8_t& depth, const uint16_t& width, const uint16_t& height) override;
+    int32_t busSessionRequest(const std::string& user, const std::string& pass, const uint8_t& depth,
+                              const uint16_t& width, const uint16_t& height) override;
+    int32_t busSessionDomainRequest(const std::string& user, const std::string& domain, const std::string& pass,
+                                    const uint8_t& depth, const uint16_t& width, const uint16_t& height) override;
     int32_t vexaSessionRequest(const std::string& params) override;
-    int32_t busProgramRequest(const std::string& user, const std::string& domain, const std::string& pass, const uint16_t& width, const uint16_t& height, const std::string& prog) override;
+    int32_t busProgramRequest(const std::string& user, const std::string& domain, const std::string& pass,
+                              const uint16_t& width, const uint16_t& height, const std::string& prog) override;
     bool vexaLogin(const std::string& user, const std::string& domain, const std::string& pass) override;
     bool vexaTestConnect(const std::string& user, const std::string& domain, const std::string& pass) override;
-    sdbus::Struct<int32_t, std::string> vexaLoginHelperStart(const std::string& user, const int32_t& transportPid) override;
+    sdbus::Struct<int32_t, std::string> vexaLoginHelperStart(const std::string& user,
+                                                             const int32_t& transportPid) override;
     std::string vexaLoginHelperStarted(const int32_t& transportPid) override;
-    void vexaLoginHelperAllowConnectForTransportTo(const int32_t& transportPid, const int32_t& x11Display, const std::string& xauthFile) override;
+    void vexaLoginHelperAllowConnectForTransportTo(const int32_t& transportPid, const int32_t& x11Display,
+                                                   const std::string& xauthFile) override;
     bool vexaTransportPolicyShowLoginHelper() override;
     bool vexaLoginHelperPolicyShowSessions() override;
     bool vexaLoginHelperPolicyShowKeyboard() override;
@@ -180,7 +185,8 @@ private:
     void vexaSessionPolicyRedirectPrinter(const int32_t& session, const bool& enable) override;
     void vexaSessionPolicyRedirectAudio(const int32_t& session, const bool& enable) override;
     void vexaSessionPolicyRedirectMicrophone(const int32_t& session, const bool& enable) override;
-    void vexaSessionPolicyRedirectClipboard(const int32_t& session, const bool& client2server, const bool& server2client) override;
+    void vexaSessionPolicyRedirectClipboard(const int32_t& session, const bool& client2server,
+                                            const bool& server2client) override;
     void vexaSessionPolicyRedirectClipboardFile(const int32_t& session, const bool& enable) override;
     void vexaSessionPolicyRedirectClipboardLimit(const int32_t& session, const uint32_t& limit) override;
     void vexaSessionPolicyRedirectDrive(const int32_t& session, const bool& enable) override;
@@ -195,7 +201,8 @@ private:
     uint32_t vexaPolicyRedirectClipboardLimitDefault() override;
     uint64_t vexaTransportDisplayPolicyRedirect(const uint32_t& display) override;
     uint64_t vexaTransportDisplayRdpKeepAlive(const uint32_t& display) override;
-    void vexaSessionPolicyRdpKeepAlive(const int32_t& session, const uint32_t& interval, const uint32_t& failures) override;
+    void vexaSessionPolicyRdpKeepAlive(const int32_t& session, const uint32_t& interval,
+                                       const uint32_t& failures) override;
     uint64_t vexaPolicyRdpKeepAliveDefault() override;
 
     // Resource limits and freeze (dbus_limits.cpp)
@@ -232,13 +239,17 @@ private:
     std::vector<uint8_t> vexaProgramIconPng(const std::string& program) override;
 
     // Notifications and remote assistance (dbus_extras.cpp)
-    bool vexaSendNotify(const uint32_t& session, const std::string& header, const std::string& message, const uint8_t& level) override;
+    bool vexaSendNotify(const uint32_t& session, const std::string& header, const std::string& message,
+                        const uint8_t& level) override;
     bool vexaSessionRemoteAssistance(const uint32_t& session, const bool& start) override;
 
     // Display geometry (dbus_display.cpp)
     void vexaSessionGeometry(const uint32_t& session, const uint16_t& width, const uint16_t& height) override;
     bool vexaDisplayResize(const uint32_t& display, const uint16_t& width, const uint16_t& height) override;
-    bool vexaTransportDisplayMonitorsChanged(const uint32_t& display, const std::vector<sdbus::Struct<uint32_t, int32_t, int32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t>>& monitors) override;
+    bool vexaTransportDisplayMonitorsChanged(
+        const uint32_t& display,
+        const std::vector<sdbus::Struct<uint32_t, int32_t, int32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t,
+                                        uint32_t, uint32_t>>& monitors) override;
 
     const std::filesystem::path configPath;
     const std::filesystem::path storeDir{sessionsStoreDir};

@@ -24,7 +24,8 @@ void Session::addConnectInfo(int pid, const std::string& remoteaddr) {
 }
 
 TransportInfo* Session::findConnectInfo(int pid) {
-    auto found = std::find_if(transports.begin(), transports.end(), [pid](const auto& slot) { return slot.pid == pid; });
+    auto found =
+        std::find_if(transports.begin(), transports.end(), [pid](const auto& slot) { return slot.pid == pid; });
     return found != transports.end() ? &*found : nullptr;
 }
 

@@ -36,9 +36,9 @@ public:
     using UserInfo::UserInfo;
 
     std::string domain;
-    std::string ntlm;                // the user's NT hash line
+    std::string ntlm;                 // the user's NT hash line
     std::filesystem::path runtimedir; // the user's run-time directory
-    std::string transportToken;      // one-time secret of a transport; empty when none is pending
+    std::string transportToken;       // one-time secret of a transport; empty when none is pending
     bool profileMounted = false;
     std::filesystem::path profileMountPoint;
     ResourceLimits userLimits; // limits set at user level, shared by all sessions of the user

@@ -13,6 +13,7 @@ import os
 import pathlib
 import re
 import select
+import signal
 import subprocess
 import time
 import uuid
@@ -181,11 +182,15 @@ class Journal:
 
     def entries(self, cursor, pid=None):
         run(["journalctl", "--sync"])
-        out = run(["journalctl", "-q", "-o", "json", "--no-pager", f"--after-cursor={cursor}",
-                   f"SYSLOG_IDENTIFIER={IDENT}"]).stdout
+        # Filtered here: journalctl 252 finds nothing after a cursor whose own entry does not
+        # match a field filter given on its command line.
+        out = run(["journalctl", "-q", "-o", "json", "--no-pager",
+                   f"--after-cursor={cursor}"]).stdout
         entries = []
         for line in out.splitlines():
             entry = {k: _text(v) for k, v in json.loads(line).items()}
+            if entry.get("SYSLOG_IDENTIFIER") != IDENT:
+                continue
             if pid is None or entry.get("_PID") == str(pid):
                 entries.append(entry)
         return entries
@@ -258,7 +263,12 @@ class UnitStates:
         self.bus = bus
         self.seen = []
         manager = bus.get_object("org.freedesktop.systemd1", "/org/freedesktop/systemd1")
-        dbus.Interface(manager, "org.freedesktop.systemd1.Manager").Subscribe()
+        try:
+            # systemd announces unit changes only while somebody is subscribed.
+            dbus.Interface(manager, "org.freedesktop.systemd1.Manager").Subscribe()
+        except dbus.exceptions.DBusException as e:
+            if e.get_dbus_name() != "org.freedesktop.systemd1.AlreadySubscribed":
+                raise
         self._match = bus.add_signal_receiver(
             self._changed, signal_name="PropertiesChanged",
             dbus_interface="org.freedesktop.DBus.Properties", path=UNIT_PATH,
@@ -272,8 +282,14 @@ class UnitStates:
             self.seen.append((time.monotonic(), str(changed["ActiveState"])))
 
     def states(self):
+        """The states in order, each once: systemd repeats ActiveState whenever any other
+        property of the unit changes."""
         pump()
-        return [s for _, s in self.seen]
+        states = []
+        for _, state in self.seen:
+            if not states or states[-1] != state:
+                states.append(state)
+        return states
 
     def close(self):
         self._match.remove()
@@ -333,7 +349,8 @@ def unit_property(bus, name):
 
 
 SERVICE_PROPERTIES = {"MainPID", "Result", "ExecMainPID", "ExecMainStatus", "ExecMainCode",
-                      "NRestarts", "Type", "NotifyAccess", "StatusErrno"}
+                      "ExecMainStartTimestamp", "NRestarts", "Type", "NotifyAccess",
+                      "StatusErrno"}
 
 
 class Service:
@@ -345,6 +362,10 @@ class Service:
         self.client = Client(bus)
         self.pid = None
         self.start_cursor = None
+        # Keeps systemd from unloading the unit once it is inactive, which would reset the
+        # outcome (Result, ExecMainCode, ExecMainStatus) the tests read after a stop.
+        obj = bus.get_object("org.freedesktop.systemd1", UNIT_PATH)
+        obj.Ref(dbus_interface="org.freedesktop.systemd1.Unit")
 
     def prop(self, name):
         return unit_property(self.bus, name)
@@ -430,11 +451,25 @@ class FileKeeper:
         differs from every earlier one in whole seconds (or `mtime`)."""
         self._remember(path)
         text = json.dumps(content, indent=2) if isinstance(content, dict) else content
-        pathlib.Path(path).write_text(text)
-        self.touch(path, mtime)
+        # Written beside the file, dated, then renamed over it: the watcher must never see the
+        # new content with an intermediate modification time (that would be two changes).
+        tmp = pathlib.Path(path).with_name(f".{pathlib.Path(path).name}.e2e")
+        tmp.write_text(text)
+        saved = self.saved[path]
+        os.chmod(tmp, (saved[1].st_mode & 0o7777) if saved else 0o644)
+        self._date(tmp, mtime)
+        os.rename(tmp, path)
+
+    def remove(self, path):
+        self._remember(path)
+        pathlib.Path(path).unlink(missing_ok=True)
 
     def touch(self, path, mtime=None):
+        """Changes only the modification time."""
         self._remember(path)
+        return self._date(path, mtime)
+
+    def _date(self, path, mtime):
         if mtime is None:
             base = int(time.time()) if self._mtime is None else self._mtime
             mtime = base + 10
@@ -479,13 +514,21 @@ def running(service):
 
 
 @pytest.fixture(scope="module")
-def shared_service(bus, journal):
-    """One vexa.service for a whole module of tests that change nothing lasting in it."""
+def _module_service(bus, journal):
     svc = Service(bus, journal)
-    svc.stop()
-    svc.start()
     yield svc
     svc.stop()
+
+
+@pytest.fixture
+def shared_service(_module_service):
+    """One vexa.service shared by the tests of a module that change nothing lasting in it;
+    started again when a test of its own made a fresh one in between."""
+    svc = _module_service
+    if svc.pid is None or svc.state() != "active" or int(svc.prop("MainPID")) != svc.pid:
+        svc.stop()
+        svc.start()
+    return svc
 
 
 # ----------------------------------------------------------------------------------------------
@@ -574,6 +617,21 @@ def subscribers_as(user_names, seconds=20):
         yield procs
     finally:
         for proc in procs.values():
-            if proc.poll() is None:
-                proc.terminate()
-            proc.wait(5)
+            end_listener(proc)
+
+
+def end_listener(proc):
+    """Ends a listener started through runuser by signalling the client itself: runuser answers
+    a SIGTERM of its own with a 2 s grace period."""
+    if proc.poll() is None:
+        try:
+            with open(f"/proc/{proc.pid}/task/{proc.pid}/children") as f:
+                children = [int(p) for p in f.read().split()]
+        except FileNotFoundError:
+            children = []
+        for child in children:
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(child, signal.SIGTERM)
+        if not children:
+            proc.terminate()
+    return proc.communicate(timeout=10)

@@ -21,6 +21,7 @@ if ! systemctl start dbus.service systemd-logind.service; then
 fi
 
 for kv in ${E2E_ENV[@]+"${E2E_ENV[@]}"}; do
+    # shellcheck disable=SC2163 # KEY=VALUE is exported as it stands
     export "$kv"
 done
 

@@ -8,7 +8,8 @@ import time
 import pytest
 
 from conftest import (API_VERSION, CONFIG, LIMITS, PID_FILE, RUNTIME_DIR, STORE_DIR, UNIT,
-                      VERSION, assert_level_fields, run, subscribers_as, wait_for)
+                      VERSION, assert_level_fields, end_listener, run, subscribers_as,
+                      wait_for)
 
 START_NOTICE = ("start: started, version " + VERSION + ", pid: {pid}, config: `" + CONFIG +
                 "', dbus timeout: 25000000")
@@ -25,13 +26,19 @@ def test_unit_is_active_only_once_the_service_answers(service, journal, unit_sta
     assert service.client.value("vexaApiVersion") == API_VERSION
     assert service.state() == "active"
     wait_for(lambda: "active" in unit_states.states(), what="active state announced")
-    assert unit_states.states()[:2] == ["activating", "active"]
+    states = unit_states.states()
+    assert states[states.index("activating"):] == ["activating", "active"]
 
     notice = journal.wait(service.start_cursor, START_NOTICE.format(pid=service.pid),
                           pid=service.pid)[0]
     assert_level_fields(notice, "notice")
     assert notice["SYSLOG_IDENTIFIER"] == "vexa_service"
     assert os.path.exists(PID_FILE)
+    # The kernel's time stamp of the notice (taken when it was sent) lies between the start of
+    # the process and the moment systemd took the unit for active, which READY=1 decides.
+    sent = int(notice["_SOURCE_REALTIME_TIMESTAMP"])
+    assert int(service.prop("ExecMainStartTimestamp")) <= sent
+    assert sent < int(service.prop("ActiveEnterTimestamp"))
 
 
 @pytest.mark.parametrize("content", [
@@ -151,6 +158,5 @@ def test_stop_signal_reaches_members_but_not_strangers(running, users):
         for name in ("e2e-member", "e2e-admin"):
             line = procs[name].stdout.readline().strip()
             assert line == "signal signalVexaStopped", f"{name}: {line!r}"
-        procs["e2e-plain"].terminate()
-        out, _ = procs["e2e-plain"].communicate(timeout=5)
+        out, _ = end_listener(procs["e2e-plain"])
         assert "signal" not in out

@@ -24,18 +24,30 @@ TEST(ReadJson, StrictReaderRejectsWhatTheConfigurationMustNotContain) {
     };
     const Case cases[] = {
         {R"({"debug:level": "debug"})", true},
-        {"", false},                                // empty input
-        {R"({"a": 1,})", false},                    // trailing comma
-        {"// comment\n{\"a\": 1}", false},          // comments are not JSON
-        {R"("text")", false},                       // root must be a container
+        {"", false},                       // empty input
+        {R"({"a": 1,})", false},           // trailing comma
+        {"// comment\n{\"a\": 1}", false}, // comments are not JSON
+        {R"("text")", false},              // root must be a container
         {"42", false},
-        {R"([1, 2])", false},                       // valid JSON, but not an object
-        {R"({"a": 1} trailing)", true},             // the library accepts text after the root value
+        {R"([1, 2])", false},           // valid JSON, but not an object
+        {R"({"a": 1} trailing)", true}, // the library accepts text after the root value
     };
     for (const auto& c : cases) {
         TempFile file(c.text);
         EXPECT_EQ(readJson(file.path).isObject(), c.isObject) << c.text;
     }
+}
+
+TEST(ReadJson, DeepNestingIsAParseErrorNotAnException) {
+    const std::string nested = R"({"a": )" + std::string(5000, '[') + std::string(5000, ']') + "}";
+    TempFile file(nested);
+    Json::Value value;
+    EXPECT_NO_THROW(value = readJson(file.path));
+    EXPECT_TRUE(value.isNull());
+
+    const JsonConfigString fromText(nested);
+    EXPECT_FALSE(fromText.isValid());
+    EXPECT_FALSE(fromText.parseErrors().empty());
 }
 
 TEST(ReadJson, MissingFileGivesNull) {
@@ -135,7 +147,8 @@ TEST(ServiceDefaults, EachKeyReachesItsOwnMember) {
         {R"({"clipboard:client": false})",
          [](const auto& d) { return !d.redirect.clipboardClient && d.redirect.clipboardServer; }},
         {R"({"clipboard:file": false})", [](const auto& d) { return !d.redirect.clipboardFile; }},
-        {R"({"connect:policy": "MULTIALLOW"})", [](const auto& d) { return d.connectPolicy == ConnectPolicy::MultiAllow; }},
+        {R"({"connect:policy": "MULTIALLOW"})",
+         [](const auto& d) { return d.connectPolicy == ConnectPolicy::MultiAllow; }},
         {R"({"connect:policy": "bogus"})", [](const auto& d) { return d.connectPolicy == ConnectPolicy::NextDeny; }},
         {R"({"session:disconnected:freeze": true})", [](const auto& d) { return d.disconnectedFreeze; }},
         {R"({"login:helper": true})", [](const auto& d) { return d.loginHelper && !d.loginSessions; }},

@@ -27,9 +27,8 @@ TEST(LogSink, EveryLevelWritesExactlyTheTemplatesItAllows) {
         LogSink error, warning, notice, info, debug;
     };
     const Row rows[] = {
-        {DebugLevel::None, J, J, J, N, N},    {DebugLevel::Debug, J, J, J, J, J},
-        {DebugLevel::Info, J, J, J, J, N},    {DebugLevel::Silent, N, N, N, N, N},
-        {DebugLevel::Console, C, C, C, C, C}, {DebugLevel::Trace, J, J, J, J, J},
+        {DebugLevel::None, J, J, J, N, N},   {DebugLevel::Debug, J, J, J, J, J},   {DebugLevel::Info, J, J, J, J, N},
+        {DebugLevel::Silent, N, N, N, N, N}, {DebugLevel::Console, C, C, C, C, C}, {DebugLevel::Trace, J, J, J, J, J},
     };
     for (const auto& r : rows) {
         const auto level = static_cast<int>(r.level);
@@ -47,8 +46,8 @@ TEST_F(LoggerTest, LevelNamesAreExactAndUnknownNamesKeepThePreviousLevel) {
         DebugLevel expected;
     };
     const Case cases[] = {
-        {"debug", DebugLevel::Debug}, {"trace", DebugLevel::Trace}, {"info", DebugLevel::Info},
-        {"none", DebugLevel::None},   {"Debug", DebugLevel::Info},  {"INFO", DebugLevel::Info},
+        {"debug", DebugLevel::Debug}, {"trace", DebugLevel::Trace},  {"info", DebugLevel::Info},
+        {"none", DebugLevel::None},   {"Debug", DebugLevel::Info},   {"INFO", DebugLevel::Info},
         {"", DebugLevel::Info},       {"console", DebugLevel::Info}, {"silent", DebugLevel::Info},
     };
     for (const auto& c : cases) {
