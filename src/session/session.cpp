@@ -40,8 +40,10 @@ void Session::resetAllConnects() {
 }
 
 std::filesystem::path Session::dbusSessionPath() const {
-    const std::filesystem::path base = user ? user->runtimedir : std::filesystem::path("/run/vexa");
-    return base / "vexa" / ("dbus_session_" + std::to_string(sid));
+    if (!user) {
+        return {};
+    }
+    return user->runtimedir / "vexa" / ("dbus_session_" + std::to_string(sid));
 }
 
 } // namespace Vexa

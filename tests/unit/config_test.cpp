@@ -1,3 +1,5 @@
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <limits>
 
@@ -5,7 +7,6 @@
 
 #include "common/json_config.h"
 #include "session/service_defaults.h"
-#include "test_support.h"
 
 using namespace Vexa;
 
@@ -15,119 +16,77 @@ JsonConfig parsed(const std::string& text) {
     return JsonConfig(parseJsonStrict(text));
 }
 
+Json::Value readFrom(const std::string& content) {
+    const auto path = std::filesystem::temp_directory_path() / ("vexa-config-test-" + std::to_string(getpid()));
+    std::ofstream(path, std::ios::binary) << content;
+    auto value = readJson(path);
+    std::filesystem::remove(path);
+    return value;
+}
+
 } // namespace
 
-TEST(ReadJson, StrictReaderRejectsWhatTheConfigurationMustNotContain) {
-    struct Case {
-        const char* text;
-        bool isObject;
-    };
-    const Case cases[] = {
+TEST(ReadJson, StrictReaderAcceptsOnlyAnObjectWithoutComments) {
+    const std::pair<std::string, bool> cases[] = {
         {R"({"debug:level": "debug"})", true},
-        {"", false},                       // empty input
-        {R"({"a": 1,})", false},           // trailing comma
-        {"// comment\n{\"a\": 1}", false}, // comments are not JSON
-        {R"("text")", false},              // root must be a container
-        {"42", false},
-        {R"([1, 2])", false},           // valid JSON, but not an object
+        {"", false},
+        {R"({"a": 1,})", false},
+        {"// comment\n{\"a\": 1}", false},
+        {R"("text")", false},
+        {R"([1, 2])", false},
         {R"({"a": 1} trailing)", true}, // the library accepts text after the root value
+        // Nesting beyond the reader's stack limit makes the library throw: a parse error, not a crash.
+        {R"({"a": )" + std::string(5000, '[') + std::string(5000, ']') + "}", false},
     };
-    for (const auto& c : cases) {
-        TempFile file(c.text);
-        EXPECT_EQ(readJson(file.path).isObject(), c.isObject) << c.text;
+    for (const auto& [text, isObject] : cases) {
+        EXPECT_EQ(readFrom(text).isObject(), isObject) << text.substr(0, 40);
+        EXPECT_EQ(JsonConfigString(text).isValid(), isObject) << text.substr(0, 40);
     }
-}
-
-TEST(ReadJson, DeepNestingIsAParseErrorNotAnException) {
-    const std::string nested = R"({"a": )" + std::string(5000, '[') + std::string(5000, ']') + "}";
-    TempFile file(nested);
-    Json::Value value;
-    EXPECT_NO_THROW(value = readJson(file.path));
-    EXPECT_TRUE(value.isNull());
-
-    const JsonConfigString fromText(nested);
-    EXPECT_FALSE(fromText.isValid());
-    EXPECT_FALSE(fromText.parseErrors().empty());
-}
-
-TEST(ReadJson, MissingFileGivesNull) {
     EXPECT_TRUE(readJson("/nonexistent/vexa/config.json").isNull());
+    EXPECT_FALSE(JsonConfigString(R"({"username": )").parseErrors().empty());
 }
 
-TEST(JsonConfig, GettersReturnDefaultsForAbsentKeysAndTreatColonsAsPartOfTheName) {
+TEST(JsonConfig, GettersTreatTheColonAsPartOfTheNameAndDefaultWhenAbsent) {
     const auto config = parsed(R"({"debug:level": "trace", "debug": {"level": "info"}, "n": -7, "d": 2.5,
-                                   "b": true, "list": ["a", "b"]})");
+                                   "b": true, "list": ["a", "b"], "bad": "abc", "one": "single"})");
     EXPECT_EQ(config.getString("debug:level", "x"), "trace");
     EXPECT_EQ(config.getString("missing", "fallback"), "fallback");
     EXPECT_EQ(config.getInteger("n", 1), -7);
     EXPECT_EQ(config.getInteger("missing", 9), 9);
     EXPECT_DOUBLE_EQ(config.getDouble("d", 0), 2.5);
     EXPECT_TRUE(config.getBoolean("b", false));
-    EXPECT_TRUE(config.getBoolean("missing", true));
     EXPECT_EQ(config.getStringList("list"), (std::list<std::string>{"a", "b"}));
     EXPECT_EQ(config.getVectorList("list"), (std::vector<std::string>{"a", "b"}));
     EXPECT_TRUE(config.getStringList("missing").empty());
-    EXPECT_TRUE(config.getValue("missing").isNull());
-    EXPECT_TRUE(config.hasValue("debug:level"));
+    EXPECT_TRUE(config.getStringList("one").empty());
     EXPECT_FALSE(config.hasValue("debug:missing"));
-    EXPECT_EQ(config.getKeys().size(), 6u);
+    EXPECT_EQ(config.getKeys().size(), 8u);
+    // Wrong types follow the library's conversion rules.
+    EXPECT_THROW(config.getInteger("bad", 0), std::exception);
+    EXPECT_EQ(config.getString("n", ""), "-7");
+
+    // A value that is not an object answers defaults instead of throwing.
+    const JsonConfigString array("[1, 2]");
+    EXPECT_EQ(array.getInteger("a", 5), 5);
+    EXPECT_TRUE(array.getKeys().empty());
 }
 
-TEST(JsonConfig, NonObjectValueAnswersDefaultsInsteadOfThrowing) {
-    for (const char* text : {"[1, 2]", "3", "\"text\"", ""}) {
-        const JsonConfigString config(text);
-        EXPECT_FALSE(config.isValid()) << text;
-        EXPECT_EQ(config.getInteger("a", 5), 5) << text;
-        EXPECT_FALSE(config.hasValue("a")) << text;
-        EXPECT_TRUE(config.getKeys().empty()) << text;
-    }
-}
-
-TEST(JsonConfig, WrongTypesFollowTheLibraryConversionRules) {
-    const auto config = parsed(R"({"n": "abc", "b": "yes", "s": 12, "list": "single"})");
-    EXPECT_THROW(config.getInteger("n", 0), std::exception);
-    EXPECT_THROW(config.getBoolean("b", false), std::exception);
-    EXPECT_EQ(config.getString("s", ""), "12");
-    EXPECT_TRUE(config.getStringList("list").empty());
-}
-
-TEST(JsonConfigString, KeepsParserMessagesForBrokenText) {
-    const JsonConfigString broken(R"({"username": )");
-    EXPECT_FALSE(broken.isValid());
-    EXPECT_FALSE(broken.parseErrors().empty());
-    const JsonConfigString good(R"({"username": "u1"})");
-    EXPECT_TRUE(good.isValid());
-    EXPECT_TRUE(good.parseErrors().empty());
-    EXPECT_EQ(good.getString("username"), "u1");
-}
-
-TEST(ServiceDefaults, EmptyConfigurationGivesEveryDocumentedDefault) {
+TEST(ServiceDefaults, EmptyConfigurationGivesTheDocumentedDefaults) {
     const auto d = loadServiceDefaults(parsed("{}"));
     EXPECT_EQ(d.debugLevel, "info");
-    EXPECT_EQ(d.startTimeout, 15u);
-    EXPECT_EQ(d.seamlessTimeout, 60u);
-    EXPECT_EQ(d.durationTimeout, 0u);
-    EXPECT_EQ(d.inactivityTimeout, 0u);
-    EXPECT_EQ(d.disconnectTimeout, 0u);
-    EXPECT_EQ(d.clipboardLimit, 0u);
-    EXPECT_EQ(d.keepAliveInterval, 0u);
-    EXPECT_EQ(d.keepAliveFailures, 0u);
+    EXPECT_EQ(std::make_tuple(d.startTimeout, d.seamlessTimeout, d.durationTimeout, d.inactivityTimeout,
+                              d.disconnectTimeout, d.clipboardLimit, d.keepAliveInterval, d.keepAliveFailures),
+              std::make_tuple(15u, 60u, 0u, 0u, 0u, 0u, 0u, 0u));
     EXPECT_EQ(d.connectPolicy, ConnectPolicy::PrevReplace);
-    EXPECT_FALSE(d.disconnectedFreeze);
-    EXPECT_FALSE(d.loginHelper || d.loginSessions || d.loginKeyboard || d.shadowPolicy);
+    EXPECT_FALSE(d.disconnectedFreeze || d.loginHelper || d.loginSessions || d.loginKeyboard || d.shadowPolicy);
     EXPECT_EQ(d.displayStart, 101u);
     EXPECT_EQ(d.runtimeDir, "/run/vexa");
-    const auto& r = d.redirect;
-    EXPECT_TRUE(r.printer && r.audio && r.microphone && r.clipboardServer && r.clipboardClient && r.clipboardFile &&
-                r.drive && r.smartcard);
+    EXPECT_EQ(redirectPolicyWord(d.redirect), redirectPolicyWord(RedirectDefaults{}));
 }
 
 TEST(ServiceDefaults, EachKeyReachesItsOwnMember) {
-    struct Case {
-        const char* json;
-        std::function<bool(const ServiceDefaults&)> check;
-    };
-    const Case cases[] = {
+    using Check = std::function<bool(const ServiceDefaults&)>;
+    const std::pair<const char*, Check> cases[] = {
         {R"({"debug:level": "trace"})", [](const auto& d) { return d.debugLevel == "trace"; }},
         {R"({"start:timeout": 20})", [](const auto& d) { return d.startTimeout == 20; }},
         {R"({"seamless:timeout": 5})", [](const auto& d) { return d.seamlessTimeout == 5; }},
@@ -142,32 +101,25 @@ TEST(ServiceDefaults, EachKeyReachesItsOwnMember) {
         {R"({"redirect:smartcard": false})", [](const auto& d) { return !d.redirect.smartcard; }},
         {R"({"redirect:audio": false})", [](const auto& d) { return !d.redirect.audio && d.redirect.microphone; }},
         {R"({"redirect:microphone": false})", [](const auto& d) { return !d.redirect.microphone && d.redirect.audio; }},
-        {R"({"clipboard:server": false})",
-         [](const auto& d) { return !d.redirect.clipboardServer && d.redirect.clipboardClient; }},
-        {R"({"clipboard:client": false})",
-         [](const auto& d) { return !d.redirect.clipboardClient && d.redirect.clipboardServer; }},
+        {R"({"clipboard:server": false})", [](const auto& d) { return !d.redirect.clipboardServer; }},
+        {R"({"clipboard:client": false})", [](const auto& d) { return !d.redirect.clipboardClient; }},
         {R"({"clipboard:file": false})", [](const auto& d) { return !d.redirect.clipboardFile; }},
         {R"({"connect:policy": "MULTIALLOW"})",
          [](const auto& d) { return d.connectPolicy == ConnectPolicy::MultiAllow; }},
-        {R"({"connect:policy": "bogus"})", [](const auto& d) { return d.connectPolicy == ConnectPolicy::NextDeny; }},
         {R"({"session:disconnected:freeze": true})", [](const auto& d) { return d.disconnectedFreeze; }},
         {R"({"login:helper": true})", [](const auto& d) { return d.loginHelper && !d.loginSessions; }},
         {R"({"login:sessions": true})", [](const auto& d) { return d.loginSessions && !d.loginKeyboard; }},
         {R"({"login:keyboard": true})", [](const auto& d) { return d.loginKeyboard && !d.shadowPolicy; }},
         {R"({"shadow:policy": true})", [](const auto& d) { return d.shadowPolicy && !d.loginHelper; }},
         {R"({"display:start": -105})", [](const auto& d) { return d.displayStart == 105; }},
-        {R"({"display:start": 200})", [](const auto& d) { return d.displayStart == 200; }},
         {R"({"runtime:dir": "/run/other"})", [](const auto& d) { return d.runtimeDir == "/run/other"; }},
         // A negative integer is stored as read: it becomes a large unsigned number.
         {R"({"duration:timeout": -1})",
          [](const auto& d) { return d.durationTimeout == std::numeric_limits<uint32_t>::max(); }},
     };
-    for (const auto& c : cases) {
-        EXPECT_TRUE(c.check(loadServiceDefaults(parsed(c.json)))) << c.json;
+    for (const auto& [json, check] : cases) {
+        EXPECT_TRUE(check(loadServiceDefaults(parsed(json)))) << json;
     }
-}
-
-TEST(ServiceDefaults, KeyOfTheWrongTypeThrowsSoThatNothingIsApplied) {
+    // A key of the wrong type throws, so that a reload applies nothing of a bad file.
     EXPECT_THROW(loadServiceDefaults(parsed(R"({"start:timeout": "abc"})")), std::exception);
-    EXPECT_THROW(loadServiceDefaults(parsed(R"({"redirect:drive": [true]})")), std::exception);
 }
