@@ -237,6 +237,8 @@ void DBusService::sessionsClear() {
     // Records are destroyed here, outside the sessions lock.
     sessions.takeAll().clear();
 
+    // Stop sequence: the child-table lock stays held while the children are ended and waited for, so that
+    // nothing can add or consume an entry meanwhile; no other thread of the service is running any more.
     std::lock_guard guard(children.lock);
     if (children.entries.empty()) {
         return;
