@@ -8,27 +8,10 @@
 #include <string>
 #include <vector>
 
-#include <grp.h>
-#include <pwd.h>
-
+#include "common/accounts.h"
 #include "limits/resource_limits.h"
 
 namespace Vexa {
-
-class UserInfo {
-public:
-    // From one user-database entry; the supplementary groups are looked up only when `withGroups` is set.
-    UserInfo(const passwd& entry, bool withGroups);
-    virtual ~UserInfo() = default;
-
-    std::vector<gid_t> groups;
-    std::string name;
-    std::string home;
-    std::string shell;
-    std::string gecos;
-    int32_t uid = -1;
-    int32_t gid = -1;
-};
 
 // A user with the service's own per-user state.
 class UserEx : public UserInfo {

@@ -17,6 +17,8 @@ from gi.repository import GLib
 DBusGMainLoop(set_as_default=True)
 
 SRC_DIR = pathlib.Path(os.environ.get("E2E_SRC_DIR", pathlib.Path(__file__).resolve().parents[2]))
+# the test tool built beside the daemon (tests/system/probe)
+PROBE = pathlib.Path(os.environ.get("E2E_BUILD_DIR", SRC_DIR / "build")) / "tests/system/probe/vexa_probe"
 UNIT = "vexa.service"
 UNIT_PATH = "/org/freedesktop/systemd1/unit/vexa_2eservice"
 SYSTEMD = "org.freedesktop.systemd1"
@@ -206,3 +208,21 @@ def users():
     for user, groups in USERS.items():
         run(["useradd", "--no-create-home", "--user-group", *groups, user])
     return list(USERS)
+
+
+@pytest.fixture
+def make_user():
+    """Real accounts (password, optionally a home and groups) for one test, removed afterwards."""
+    made = []
+
+    def make(name, password="Secret-123", home=True, groups=()):
+        args = ["useradd", "--user-group", "--shell", "/bin/bash"]
+        args += ["--create-home"] if home else ["--no-create-home", "--home-dir", f"/nonexistent/{name}"]
+        run([*args, *(["-G", ",".join(groups)] if groups else []), name])
+        run(["chpasswd"], input=f"{name}:{password}")
+        made.append(name)
+        return name
+
+    yield make
+    for name in made:
+        run(["userdel", "--remove", name], check=False)

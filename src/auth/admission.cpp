@@ -1,0 +1,2 @@
+// The admission steps.
+#include "admission.h"

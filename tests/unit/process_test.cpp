@@ -1,0 +1,1 @@
+// Tests of this subsystem are added with its implementation.
