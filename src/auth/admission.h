@@ -48,11 +48,11 @@ struct AdmissionRequest {
 };
 
 struct AdmissionPolicy {
-    int32_t sessionsLimit = 1000;               // "sessions:limit" as configured (absolute value used)
-    int32_t usersLimit = 200;                   // "users:limit" as configured (absolute value used)
-    uint32_t apiUsersLimit = 0;                 // set over D-Bus; wins when non-zero
+    int32_t sessionsLimit = 1000;                        // "sessions:limit" as configured (absolute value used)
+    int32_t usersLimit = 200;                            // "users:limit" as configured (absolute value used)
+    uint32_t apiUsersLimit = 0;                          // set over D-Bus; wins when non-zero
     std::optional<std::vector<std::string>> groupsAllow; // "groups:allow"; absent: no group restriction
-    bool shadowPolicy = false;                  // "shadow:policy"
+    bool shadowPolicy = false;                           // "shadow:policy"
 };
 
 struct AdmissionLookups {
@@ -69,8 +69,8 @@ struct AdmissionLookups {
 
 struct AdmissionResult {
     StartStatus status = StartStatus::Success;
-    std::optional<uint32_t> reuse;   // a running session to hand out (status Success)
-    std::unique_ptr<UserInfo> user;  // the account, when the start may go on (status Success, no reuse)
+    std::optional<uint32_t> reuse;  // a running session to hand out (status Success)
+    std::unique_ptr<UserInfo> user; // the account, when the start may go on (status Success, no reuse)
 };
 
 // Days since the epoch of the system clock, whole days.

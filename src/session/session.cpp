@@ -39,6 +39,27 @@ void Session::resetAllConnects() {
     }
 }
 
+std::list<std::string> Session::environments() const {
+    const std::string displayNumber = std::to_string(display);
+    const std::string runtimeDir = user ? user->runtimedir.string() : std::string();
+    std::list<std::string> env{
+        "DISPLAY=:" + displayNumber,
+        "XAUTHORITY=" + xauthfile.string(),
+        "XDG_RUNTIME_DIR=" + runtimeDir,
+    };
+    // A path ending in '/' has no file name and never matches.
+    if (std::filesystem::path(xsessionProg).filename() == "kiv-wm") {
+        env.emplace_back("VEXA_KIV_WM=1");
+    }
+    env.emplace_back("KSCREEND_DISABLED=1");
+    const std::string name = user ? user->name : std::string();
+    env.push_back("USER=" + name);
+    env.push_back("LOGNAME=" + name);
+    env.push_back("HOME=" + (user ? user->home : std::string()));
+    env.push_back("PCSCLITE_CSOCK_NAME=" + runtimeDir + "/vexa/pcsc_comm_" + displayNumber);
+    return env;
+}
+
 std::filesystem::path Session::dbusSessionPath() const {
     if (!user) {
         return {};

@@ -44,6 +44,10 @@ public:
     // Resets all four slots in order; running transports receive SIGTERM.
     void resetAllConnects();
 
+    // Environment of every program started inside the session: display, X authority, run-time directory,
+    // user, and the smart-card socket of the display.
+    std::list<std::string> environments() const;
+
     // File that receives the address of the session's own D-Bus bus: in the user's run-time directory, which
     // the session's programs may write, named after the session id.
     std::filesystem::path dbusSessionPath() const;
