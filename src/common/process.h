@@ -2,8 +2,9 @@
 
 // Starting programs as a user, waiting for them, and small descriptor and pid-file helpers.
 // Stateless; callable from any service thread. Everything a child needs (argument and environment vectors,
-// output file, user record) is prepared before fork(): between fork() and execve() the child makes only the
-// calls listed in process.cpp, and ends in _exit() on failure.
+// supplementary groups, output file, user record) is prepared before fork(): between fork() and execve() the
+// child makes only async-signal-safe calls and ends in _exit() on failure. It does not log: it reports its
+// steps through a close-on-exec channel, and the parent logs them once the child has made its exec.
 
 #include <filesystem>
 #include <future>
@@ -19,7 +20,8 @@ namespace Vexa::Utils {
 
 // Starts `path` with `args` and the environment list `envs` (NAME=value entries overriding inherited ones),
 // as `user` when that names a known user (else as the caller), its output to `logfile` or to the user's
-// output log. Returns the child's pid; the caller reaps it. Throws vexa_error("runChildProcess").
+// output log. Returns the child's pid once the child has made its execve (or after 2 s at most); the caller
+// reaps it. Throws vexa_error("runChildProcess").
 pid_t runChildProcess(const std::filesystem::path& path, const std::list<std::string>& args,
                       const std::list<std::string>& envs, const char* user, const char* logfile);
 
@@ -28,11 +30,17 @@ bool runChildProcessWait(const std::filesystem::path& path, const std::list<std:
                          const std::list<std::string>& envs, const char* user, const char* logfile);
 
 // runChildProcess in the calling thread (its exceptions reach the caller), then a task that reaps the child
-// and yields its raw wait status.
+// and yields its raw wait status. Keep the future: like every std::async future, its destructor waits for the
+// task, i.e. for the child to end.
 std::future<int> runChildProcessBack(const std::filesystem::path& path, const std::list<std::string>& args,
                                      const std::list<std::string>& envs, const char* user, const char* logfile);
 
-// Runs in a freshly forked child: drops to `user`, redirects output, execs. Never returns.
+// The task that reaps a started child and yields its raw wait status.
+std::future<int> waitChildBack(pid_t pid);
+
+// Runs in a freshly forked child: drops to `user`, redirects output, execs. Never returns. Builds its vectors
+// and logs its steps itself, so it is for a child that may allocate (one that forked on its own, not right
+// after a fork of the multi-threaded service); runChildProcess uses the same steps without that.
 [[noreturn]] void runOwnerCommand(const std::filesystem::path& path, const std::list<std::string>& args,
                                   const std::list<std::string>& envs, const UserInfo* user, const char* logfile);
 
@@ -41,7 +49,8 @@ std::future<int> runChildProcessBack(const std::filesystem::path& path, const st
 std::string runStdoutCommand(const std::filesystem::path& path, const std::list<std::string>& args);
 
 // Groups, directory, gid, uid in this fixed order, then USER, LOGNAME, HOME, SHELL and TERM. True when the
-// process now runs as the user (or needed no switch).
+// process now runs as the user (or needed no switch). A user with no supplementary groups keeps its primary
+// group only, never the caller's groups. Sets the environment: for a process of its own (a forked child).
 bool switchToUser(const UserInfo& user);
 
 // Pointers into the caller's strings, which must outlive the execve: path, args..., null.

@@ -1,8 +1,11 @@
 #include "utils.h"
 
 #include <algorithm>
+#include <charconv>
 #include <csignal>
 #include <cstring>
+
+#include "logger.h"
 
 namespace Vexa::Utils {
 
@@ -10,6 +13,13 @@ std::string stringLower(std::string_view text) {
     std::string result(text);
     std::transform(result.begin(), result.end(), result.begin(),
                    [](unsigned char c) { return static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c); });
+    return result;
+}
+
+std::string stringUpper(std::string_view text) {
+    std::string result(text);
+    std::transform(result.begin(), result.end(), result.begin(),
+                   [](unsigned char c) { return static_cast<char>(c >= 'a' && c <= 'z' ? c - 'a' + 'A' : c); });
     return result;
 }
 
@@ -23,6 +33,112 @@ std::string stringReplace(std::string_view text, std::string_view pattern, std::
         result.append(text.substr(pos, found - pos)).append(value);
     }
     return result.append(text.substr(pos));
+}
+
+std::vector<uint8_t> hexstr2bytes(std::string_view text) {
+    std::vector<uint8_t> result;
+    result.reserve(text.size() / 2 + 1);
+    for (size_t pos = 0; pos < text.size(); pos += 2) {
+        const auto piece = text.substr(pos, 2);
+        unsigned value = 0;
+        const auto [end, err] = std::from_chars(piece.data(), piece.data() + piece.size(), value, 16);
+        if (err != std::errc() || end != piece.data() + piece.size()) {
+            Syslog::warning("%s: failed, strhex: `%.*s'", "hexstr2bytes", static_cast<int>(text.size()), text.data());
+            return {};
+        }
+        result.push_back(static_cast<uint8_t>(value));
+    }
+    return result;
+}
+
+std::string hexRange(const uint8_t* first, const uint8_t* last, std::string_view separator, bool prefix) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string result;
+    for (auto it = first; it != last; ++it) {
+        if (it != first) {
+            result.append(separator);
+        }
+        if (prefix) {
+            result.append("0x");
+        }
+        result.push_back(digits[*it >> 4]);
+        result.push_back(digits[*it & 0x0f]);
+    }
+    return result;
+}
+
+namespace {
+
+// Length of the UTF-8 sequence led by `lead` (0 for a byte that cannot lead one), and the range its second
+// byte must lie in: the narrower ranges exclude overlong forms, surrogates and values beyond U+10FFFF.
+struct Utf8Lead {
+    size_t length;
+    uint8_t secondMin;
+    uint8_t secondMax;
+};
+
+Utf8Lead utf8Lead(uint8_t lead) {
+    if (lead >= 0xc2 && lead <= 0xdf) {
+        return {2, 0x80, 0xbf};
+    }
+    if (lead == 0xe0) {
+        return {3, 0xa0, 0xbf};
+    }
+    if (lead == 0xed) {
+        return {3, 0x80, 0x9f};
+    }
+    if (lead >= 0xe1 && lead <= 0xef) {
+        return {3, 0x80, 0xbf};
+    }
+    if (lead == 0xf0) {
+        return {4, 0x90, 0xbf};
+    }
+    if (lead == 0xf4) {
+        return {4, 0x80, 0x8f};
+    }
+    if (lead >= 0xf1 && lead <= 0xf3) {
+        return {4, 0x80, 0xbf};
+    }
+    return {0, 0, 0};
+}
+
+} // namespace
+
+std::u16string string2unicode(std::string_view text) {
+    constexpr char16_t replacement = 0xfffd;
+    std::u16string result;
+    result.reserve(text.size());
+    size_t pos = 0;
+    while (pos < text.size()) {
+        const auto lead = static_cast<uint8_t>(text[pos]);
+        if (lead < 0x80) {
+            result.push_back(lead);
+            ++pos;
+            continue;
+        }
+        const auto [length, secondMin, secondMax] = utf8Lead(lead);
+        char32_t code = length == 2 ? lead & 0x1f : length == 3 ? lead & 0x0f : lead & 0x07;
+        size_t taken = 1;
+        for (; taken < length && pos + taken < text.size(); ++taken) {
+            const auto next = static_cast<uint8_t>(text[pos + taken]);
+            const bool fits = taken == 1 ? next >= secondMin && next <= secondMax : (next & 0xc0) == 0x80;
+            if (!fits) {
+                break;
+            }
+            code = (code << 6) | (next & 0x3f);
+        }
+        pos += taken;
+        if (length == 0 || taken < length) {
+            result.push_back(replacement);
+        } else if (code >= 0x10000) {
+            code -= 0x10000;
+            result.push_back(static_cast<char16_t>(0xd800 + (code >> 10)));
+            result.push_back(static_cast<char16_t>(0xdc00 + (code & 0x3ff)));
+        } else {
+            result.push_back(static_cast<char16_t>(code));
+        }
+    }
+    return result;
 }
 
 std::string errnoText(int err) {

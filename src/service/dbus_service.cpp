@@ -78,6 +78,8 @@ DBusService::DBusService(sdbus::IConnection& connection, const std::string& path
         warning("%s: %s failed, error: %s, code: %d", "DBusService", "audit_open", Utils::errnoText(err).c_str(), err);
     }
 
+    reloadPrograms(programSources(*configuration()));
+
     const auto limitsFile = readJson(limitsFilePath);
     if (limitsFile.isObject()) {
         limitsDefaults = readLimitsDefaults(limitsFile);
@@ -197,6 +199,7 @@ void DBusService::reloadConfigWatcher() {
     // Values are read before anything is swapped: a key of the wrong type throws here and the old
     // configuration stays in force.
     const auto nextDefaults = loadServiceDefaults(*next);
+    const auto nextPrograms = programSources(*next);
 
     sd_notify(0, "RELOADING=1");
     {
@@ -214,13 +217,18 @@ void DBusService::reloadConfigWatcher() {
                 "sessions:limit");
     }
 
+    reloadPrograms(nextPrograms);
+
     notice("%s: %s", "reloadConfigWatcher", "success");
     sd_notify(0, "READY=1");
 }
 
 void DBusService::watcherLoop() {
     PeriodicJobs jobs(PeriodicJobs::Clock::now());
-    jobs.add("reloadConfigWatcher", 3000ms, [this] { reloadConfigWatcher(); });
+    jobs.add("reloadWatcher", 3000ms, [this] {
+        reloadProgramsWatcher();
+        reloadConfigWatcher();
+    });
 
     while (serviceRunning.load()) {
         jobs.runDue();

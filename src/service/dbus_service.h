@@ -22,9 +22,11 @@
 #include "common/logger.h"
 #include "event_loop.h"
 #include "limits/resource_limits.h"
+#include "programs/program_list.h"
 #include "session/child_table.h"
 #include "session/registry.h"
 #include "session/service_defaults.h"
+#include "session/state.h"
 
 namespace Vexa {
 
@@ -51,6 +53,9 @@ public:
     std::shared_ptr<const JsonConfig> configuration() const;
     void loadConfigDefaultValues();
     void reloadConfigWatcher();
+    // One look at the programs file: reloads the program list when its modification time changed since the
+    // last look (the first look only notes the time).
+    void reloadProgramsWatcher();
     ServiceDefaults defaults() const;
     LimitsDefaults resourceDefaults() const;
 
@@ -64,6 +69,10 @@ public:
         return sessions.findUserSessions(name);
     }
 
+    // The saved limits and policies of the session's user (session/state.h), in the store directory.
+    bool sessionSaveState(const Session* session) const { return Vexa::sessionSaveState(session, storeDir); }
+    void sessionLoadState(Session* session) { Vexa::sessionLoadState(session, storeDir); }
+
     // Called once when the dispatcher has stopped: drops every session and ends the children still running.
     void sessionsClear();
 
@@ -72,6 +81,14 @@ public:
 
 private:
     void applyDefaults(const ServiceDefaults& next);
+
+    // Where the program list comes from: "session:programs" and "applications:skip" of a configuration.
+    struct ProgramSources {
+        std::filesystem::path programsFile;
+        std::list<std::string> skipList;
+    };
+    static ProgramSources programSources(const JsonConfig& config);
+    void reloadPrograms(const ProgramSources& sources) { programs.reload(sources.programsFile, sources.skipList); }
 
     // Emits a signal from any thread and wakes the dispatcher so that it leaves at once.
     template <typename Emit>
@@ -269,6 +286,9 @@ private:
     std::atomic<bool> proxyListen{false};
 
     int auditFd = -1;
+
+    ProgramList programs; // thread-safe on its own: reloaded and read by the watcher and the D-Bus thread
+    std::atomic<int64_t> programsModified{0}; // last seen modification time (s) of the programs file
 
     SessionRegistry sessions;
     ChildTable children;

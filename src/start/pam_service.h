@@ -18,6 +18,7 @@ public:
 };
 
 // The conversation: echoed prompts get the login, hidden prompts the password, texts no answer.
+// appdata is the PamService whose transaction asks; answers are written to (*responses)[i].
 int auth_conv(int count, const struct pam_message** messages, struct pam_response** responses, void* appdata);
 
 class PamService {
@@ -32,7 +33,9 @@ public:
     bool checkAuthenticate();
     // Account check; an expired password is changed through the conversation when PAM asks for it.
     bool validateAccount();
+    // String items only (PAM_TTY, PAM_XDISPLAY, ...); PAM_CONV, PAM_FAIL_DELAY and PAM_XAUTHDATA are refused.
     void setItem(int type, std::string_view value);
+    // Establishes the credentials, then opens the session; true without a second opening when already open.
     bool openSession();
     void closeSession();
     std::list<std::string> getEnvironments();
@@ -43,6 +46,10 @@ public:
     pam_handle_t* getHandle() const { return handle; }
 
 private:
+    // Reads login and password in place, so that the password is not copied outside this object.
+    friend int auth_conv(int count, const struct pam_message** messages, struct pam_response** responses,
+                         void* appdata);
+
     pam_handle_t* handle = nullptr;
     std::string login;
     std::string password;

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <filesystem>
 #include <list>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -18,20 +20,25 @@ class Session;
 // Pid of the X server started last by this process.
 extern std::atomic<int> pidXorg;
 
-// The display of a new session: `base` when no display is used or the smallest used one differs from it;
-// otherwise the first number after the run of consecutive numbers that starts at `base`.
+// The display of a new session: `base` when no display is used or the smallest used one differs from it
+// (even when `base` itself is used further up, after "display:start" was raised); otherwise the first number
+// after the run of consecutive numbers that starts at `base`. Negative entries (no display yet) and repeats
+// are ignored. Called under the sessions lock with the displays of all registered sessions.
 uint32_t chooseDisplay(uint32_t base, std::vector<int32_t> used);
 
 // "<runtimeDir>/xauth_<display>"
 std::filesystem::path xauthFilePath(const std::filesystem::path& runtimeDir, uint32_t display);
 
-// The one entry of an X authority file: FamilyLocal, host, display, "MIT-MAGIC-COOKIE-1", cookie.
+// The one entry of an X authority file: FamilyLocal, host, display, "MIT-MAGIC-COOKIE-1", cookie, each field
+// after its 16-bit big-endian length. Throws std::length_error when the host or the cookie is longer than that.
 std::vector<uint8_t> xauthEntry(std::string_view host, uint32_t display, const std::vector<uint8_t>& cookie);
 
 // Writes a fresh X authority file for the display (32-byte cookie, mode 0440, owner `user`, group `group`)
-// and returns its path. Throws std::runtime_error("createXauthFile") when it cannot be written.
-std::filesystem::path createXauthFile(const std::filesystem::path& runtimeDir, uint32_t display,
-                                      std::string_view user, std::string_view group);
+// and returns its path. The entry is written under a temporary name and renamed into place, so the path never
+// names a partly written file. Changes the process-wide umask for the moment of the file's creation.
+// Throws std::runtime_error("createXauthFile") when it cannot be written.
+std::filesystem::path createXauthFile(const std::filesystem::path& runtimeDir, uint32_t display, std::string_view user,
+                                      std::string_view group);
 
 // True when the system X wrapper would refuse a server started by a non-console process.
 bool checkXWrapperAllowedOnlyConsole(const std::filesystem::path& config = "/etc/X11/Xwrapper.config");
@@ -41,7 +48,9 @@ bool checkXWrapperAllowedOnlyConsole(const std::filesystem::path& config = "/etc
 std::list<std::string> xorgArguments(std::list<std::string> args, uint32_t display, uint8_t depth, uint16_t width,
                                      uint16_t height, const std::filesystem::path& authfile);
 
-// Starts the session's X server and returns its pid. Throws vexa_error when the session is null.
+// Starts the session's X server as root with its output to /dev/null and returns its pid (also kept in
+// pidXorg); the caller reaps it. "/usr/bin/Xorg" is replaced by "/usr/lib/xorg/Xorg" when the wrapper would
+// refuse us. Throws vexa_error when the session is null, and what runChildProcess throws.
 pid_t runXorgDisplay(const Session* session, const std::list<std::string>& args, const std::filesystem::path& path,
                      const std::list<std::string>& env, uint8_t depth, uint16_t width, uint16_t height);
 
@@ -53,8 +62,11 @@ namespace Utils {
 
 // Bytes from a per-256-byte-block shuffle of all byte values (mt19937 seeded from the random device).
 std::vector<uint8_t> randomBytes(size_t count);
+// The cookie of the first entry of X authority data; nullopt when the data ends inside that entry.
+std::optional<std::vector<uint8_t>> xauthCookie(std::span<const uint8_t> data);
 // The cookie of the first entry of an X authority file; empty when it cannot be read.
 std::vector<uint8_t> readXauthfile(const std::filesystem::path& path);
+// The node name; empty (and logged) when it cannot be read.
 std::string getHostname();
 // chown to the user and group names (unknown names leave that id unchanged); false on failure.
 bool setOwner(const std::filesystem::path& path, std::string_view user, std::string_view group);

@@ -16,7 +16,7 @@ from conftest import (API_VERSION, BUS_NAME, DECLARED, INTERFACE, OBJECT_PATH, V
 NOT_IMPLEMENTED = """
     busSessionRequest busSessionShutdown vexaTestConnect vexaLogin vexaSessionShutdown
     vexaDisconnect proxyListenStarted proxyClientConnected proxyListenTimeout vexaSendNotify
-    vexaRdpSecurityPolicy vexaSessionInfoJson vexaUserInfoJson vexaSessionGeometry vexaProgramList
+    vexaRdpSecurityPolicy vexaSessionInfoJson vexaUserInfoJson vexaSessionGeometry
     busProgramRequest busSessionDomainRequest vexaSessionRequest vexaConnectRdpTransport
     proxySessionConnected vexaSessionProcess vexaCheckAuthUser vexaDisplayResize
     vexaSessionDurationLimit vexaSessionInactivityLimit vexaSessionPolicyRedirectPrinter
@@ -32,8 +32,8 @@ NOT_IMPLEMENTED = """
     vexaSessionLimitTasksMax vexaUserLimitTasksMax vexaSessionDisconnectedFreeze
     vexaSessionNetworkDeny vexaUserNetworkDeny vexaSessionNetworkAllow vexaUserNetworkAllow
     vexaLoginHelperStart vexaLoginHelperStarted vexaLoginHelperAllowConnectForTransportTo
-    vexaTransportDisplayMonitorsChanged vexaProgramIconPng vexaUserSessionsCheckTimeouts
-    vexaCheckAuthCertificate vexaTransportDisplayShutdown""".split()
+    vexaTransportDisplayMonitorsChanged vexaUserSessionsCheckTimeouts
+    vexaTransportDisplayShutdown""".split()
 
 # Run as a test user: calls the daemon, then prints signalVexaStopped when it hears it.
 LISTENER = """

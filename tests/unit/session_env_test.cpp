@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+
+#include "common/logger.h"
+#include "common/vexa_error.h"
 #include "session/session.h"
+#include "start/session_command.h"
 
 using namespace Vexa;
 
@@ -51,4 +56,21 @@ TEST(SessionEnvironment, KivWindowManagerIsRecognisedByItsExactFileName) {
             EXPECT_EQ(*std::next(env.begin(), 3), "VEXA_KIV_WM=1");
         }
     }
+}
+
+TEST(SessionCommand, StartsInTheBackgroundAndCanHideItsArguments) {
+    Session session(9, nullptr, ServiceDefaults{});
+    session.display = 104;
+    Syslog::setDebugLevel(DebugLevel::Console);
+    ::testing::internal::CaptureStderr();
+    auto status =
+        runSessionCommand(&session, "/bin/sh", {"-c", "test \"$DISPLAY\" = :104 && exit 7"}, {"EXTRA=1"}, true);
+    const int raw = status.get();
+    const auto log = ::testing::internal::GetCapturedStderr();
+    Syslog::setDebugLevel(DebugLevel::None);
+    EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 7) << raw; // the session's environment reached the program
+    EXPECT_NE(log.find("runSessionCommand: session id: 9, username: , cmd: /bin/sh, args: [ hidden arguments ], pid: "),
+              std::string::npos)
+        << log;
+    EXPECT_THROW(runSessionCommand(nullptr, "/bin/true", {}, {}, false), vexa_error);
 }
