@@ -19,22 +19,6 @@ bool startsWith(std::string_view line, std::string_view prefix, std::string_view
     return true;
 }
 
-bool equalsIgnoreCase(std::string_view text, std::string_view lower) {
-    if (text.size() != lower.size()) {
-        return false;
-    }
-    for (size_t pos = 0; pos < text.size(); ++pos) {
-        char ch = text[pos];
-        if (ch >= 'A' && ch <= 'Z') {
-            ch = static_cast<char>(ch - 'A' + 'a');
-        }
-        if (ch != lower[pos]) {
-            return false;
-        }
-    }
-    return true;
-}
-
 bool readText(const std::filesystem::path& path, std::string& text, int& err) {
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
@@ -144,7 +128,7 @@ DesktopFile DesktopFile::parseText(std::string_view text) {
 
         std::string_view value;
         if (startsWith(line, "Type=", value)) {
-            entry.isApplication = equalsIgnoreCase(value, "application");
+            entry.isApplication = value == "application";
         } else if (startsWith(line, "Terminal=", value)) {
             entry.terminal = value == "true";
         } else if (startsWith(line, "Hidden=", value)) {

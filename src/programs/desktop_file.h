@@ -16,15 +16,16 @@ struct DesktopFile {
     std::string genericName;          // "GenericName="
     std::string localizedGenericName; // "GenericName[ru]="
     std::string exec;                 // "Exec=", the whole rest of the line
-    bool isApplication = false;       // "Type=Application"
+    bool isApplication = false;       // "Type=application", exactly
     bool terminal = false;            // "Terminal=true"
     bool hidden = false;              // "Hidden=true"
 
     // Only lines inside the section opened by a line that is exactly "[Desktop Entry]" count; any other line
     // beginning with '[' closes it. Keys are exact, case-sensitive prefixes; a later line of the same key
     // overwrites an earlier one, except that a "Name[ru_RU]=" never replaces a localized name already set.
-    // The type is compared without regard to ASCII case: the standard value is "Application", and older
-    // tools of this product wrote "application".
+    // The type is compared exactly, as the product's contract states: only "Type=application" entries are
+    // published, not the freedesktop standard's "Type=Application", so administrators publish programs
+    // through /etc/vexa/programs.json.
     // A file that cannot be read gives an entry that is no application (logged).
     static DesktopFile parse(const std::filesystem::path& path);
     static DesktopFile parseText(std::string_view text);

@@ -17,6 +17,7 @@
 #include "common/periodic_jobs.h"
 #include "common/utils.h"
 #include "common/vexa_error.h"
+#include "start/xserver.h"
 
 namespace Vexa {
 
@@ -155,6 +156,11 @@ ServiceDefaults DBusService::defaults() const {
 LimitsDefaults DBusService::resourceDefaults() const {
     std::lock_guard guard(defaultsLock);
     return limitsDefaults;
+}
+
+std::filesystem::path DBusService::createXauthFile(uint32_t display, const std::string& user) const {
+    const auto group = configuration()->getString("xauth:group", "vexa-xauth");
+    return Vexa::createXauthFile(defaults().runtimeDir, display, user, group);
 }
 
 void DBusService::applyDefaults(const ServiceDefaults& next) {

@@ -69,6 +69,9 @@ public:
         return sessions.findUserSessions(name);
     }
 
+    // A fresh X authority file for a display of `user`, in the run-time directory, readable by "xauth:group".
+    std::filesystem::path createXauthFile(uint32_t display, const std::string& user) const;
+
     // The saved limits and policies of the session's user (session/state.h), in the store directory.
     bool sessionSaveState(const Session* session) const { return Vexa::sessionSaveState(session, storeDir); }
     void sessionLoadState(Session* session) { Vexa::sessionLoadState(session, storeDir); }

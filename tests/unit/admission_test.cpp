@@ -62,83 +62,73 @@ TEST(Admission, StepsRefuseOrAdmitInTheirOrder) {
         StartStatus status;
         const char* message; // a text the decision must log ("" for none in particular)
     };
-    auto policy = [](auto change) {
-        AdmissionPolicy p;
-        change(p);
-        return p;
-    };
-    const auto none = [](AdmissionPolicy&) {};
     using S = StartStatus;
+    using Groups = std::vector<std::string>;
     const std::vector<Case> cases = {
         {"unknown account",
          {"nobody-here", "DefaultSession"},
          {},
-         policy(none),
+         {},
          S::UserNotFound,
          "startSession: user not found: `nobody-here'"},
         {"shell missing from the shells file only warns",
          {"carol", "DefaultSession"},
          {},
-         policy(none),
+         {},
          S::Success,
          "startSession: user shell not present in /etc/shells, user: carol, shell: `/bin/false'"},
         {"sessions limit reached",
          {"bob", "DefaultSession"},
          aliceRunning,
-         policy([](auto& p) { p.sessionsLimit = -1; }),
+         {.sessionsLimit = -1},
          S::FullHouse,
          "startSession: sessions full house, limit: 1"},
         {"sessions limit 0 refuses everything",
          {"bob", "DefaultSession"},
          {},
-         policy([](auto& p) { p.sessionsLimit = 0; }),
+         {.sessionsLimit = 0},
          S::FullHouse,
          "sessions full house, limit: 0"},
         {"the requester counts for the users limit",
          {"alice", "Other"},
          aliceRunning,
-         policy([](auto& p) { p.usersLimit = 1; }),
+         {.usersLimit = 1},
          S::FullHouse,
          "startSession: users full house, limit: 1"},
         {"the users limit set over D-Bus wins",
          {"bob", "DefaultSession"},
          aliceRunning,
-         policy([](auto& p) {
-             p.usersLimit = 1;
-             p.apiUsersLimit = 2;
-         }),
+         {.usersLimit = 1, .apiUsersLimit = 2},
          S::Success,
          ""},
         {"empty allowed groups disable logins",
          {"alice", "DefaultSession"},
          {},
-         policy([](auto& p) { p.groupsAllow = std::vector<std::string>{}; }),
+         {.groupsAllow = Groups{}},
          S::NotAllowed,
          "startSession: logins disabled, user: alice"},
         {"member of a later allowed group",
          {"alice", "DefaultSession"},
          {},
-         policy([](auto& p) {
-             p.groupsAllow = std::vector<std::string>{"missing-group", "staff", "rdp"};
-         }),
+         {.groupsAllow = Groups{"missing-group", "staff", "rdp"}},
          S::Success,
          ""},
         {"member of no allowed group",
          {"bob", "DefaultSession"},
          {},
-         policy([](auto& p) { p.groupsAllow = std::vector<std::string>{"rdp"}; }),
+         {.groupsAllow = Groups{"rdp"}},
          S::NotAllowed,
          "startSession: user is not allowed, user: bob, shell: `/bin/bash'"},
         {"the login helper is not limited",
          {"bob", "LoginSession", RunMode::LoginHelper},
          aliceRunning,
-         policy([](auto& p) { p.sessionsLimit = 0; }),
+         {.sessionsLimit = 0},
          S::Success,
          ""},
         {"but its user must be in an allowed group",
          {"bob", "LoginSession", RunMode::LoginHelper},
          {},
-         policy([](auto& p) { p.groupsAllow = std::vector<std::string>{"rdp"}; }),
+         {.groupsAllow = Groups{"rdp"}},
          S::NotAllowed,
          "user is not allowed"},
     };

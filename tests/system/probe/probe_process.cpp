@@ -2,8 +2,6 @@
 //   run [-e NAME=VALUE]... USER|- LOGFILE|- PROGRAM [ARGS...]
 //       runChildProcess (as USER, output to LOGFILE; "-" for none), then waitpid: prints "PID STATUS" with the
 //       raw wait status
-//   stdout PROGRAM [ARGS...]
-//       the output runStdoutCommand captured, byte for byte; exit 1 when it threw
 //   bench-exec USER|- N
 //       N runs of /bin/true: the time from calling runChildProcess to its return, which comes when the child
 //       has made its execve. Prints "samples N median_us M min_us A max_us B not_exec K failed F": K counts
@@ -11,16 +9,15 @@
 //       status was not 0.
 
 #include <algorithm>
-#include <chrono>
 #include <cerrno>
-#include <climits>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <list>
 #include <string>
 #include <string_view>
 #include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
 #include "common/process.h"
@@ -50,64 +47,28 @@ int run(int argc, char** argv) {
         return 2;
     }
     const std::list<std::string> args(argv + i + 3, argv + argc);
-    try {
-        const pid_t pid =
-            Vexa::Utils::runChildProcess(argv[i + 2], args, envs, optional(argv[i]), optional(argv[i + 1]));
-        std::printf("%d %d\n", pid, waitStatus(pid));
-        return 0;
-    } catch (const Vexa::vexa_error& err) {
-        std::fprintf(stderr, "vexa_error: %s\n", err.what());
-        return 1;
-    }
+    const pid_t pid = Vexa::Utils::runChildProcess(argv[i + 2], args, envs, optional(argv[i]), optional(argv[i + 1]));
+    std::printf("%d %d\n", pid, waitStatus(pid));
+    return 0;
 }
 
-int captureStdout(int argc, char** argv) {
-    if (argc < 2) {
-        return 2;
-    }
-    try {
-        const std::string out = Vexa::Utils::runStdoutCommand(argv[1], std::list<std::string>(argv + 2, argv + argc));
-        std::fwrite(out.data(), 1, out.size(), stdout);
-        return 0;
-    } catch (const Vexa::vexa_error& err) {
-        std::fprintf(stderr, "vexa_error: %s\n", err.what());
-        return 1;
-    }
-}
-
-// What /proc says the process runs: before its exec a child still runs this very program.
-bool stillThisProgram(pid_t pid) {
-    char exe[PATH_MAX] = {};
-    char self[PATH_MAX] = {};
-    const std::string link = "/proc/" + std::to_string(pid) + "/exe";
-    const ssize_t got = readlink(link.c_str(), exe, sizeof(exe) - 1);
-    const ssize_t mine = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    return got > 0 && mine > 0 && std::string_view(exe, got) == std::string_view(self, mine);
-}
-
-int benchExec(int argc, char** argv) {
-    if (argc != 3) {
-        return 2;
-    }
-    const int samples = std::atoi(argv[2]);
-    if (samples < 1) {
-        return 2;
-    }
+int benchExec(const char* user, int samples) {
     std::vector<long> micros;
     int notExec = 0;
     int failed = 0;
+    const auto self = std::filesystem::read_symlink("/proc/self/exe");
     for (int n = 0; n < samples; ++n) {
         const auto start = std::chrono::steady_clock::now();
-        const pid_t pid = Vexa::Utils::runChildProcess("/bin/true", {}, {}, optional(argv[1]), nullptr);
+        const pid_t pid = Vexa::Utils::runChildProcess("/bin/true", {}, {}, optional(user), nullptr);
         const auto took = std::chrono::steady_clock::now() - start;
-        notExec += stillThisProgram(pid) ? 1 : 0;
+        std::error_code ec; // before its exec a child still runs this very program
+        notExec += std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", ec) == self ? 1 : 0;
         const int status = waitStatus(pid);
         failed += WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
         micros.push_back(std::chrono::duration_cast<std::chrono::microseconds>(took).count());
     }
     std::sort(micros.begin(), micros.end());
-    const size_t mid = micros.size() / 2;
-    const long median = micros.size() % 2 ? micros[mid] : (micros[mid - 1] + micros[mid]) / 2;
+    const long median = (micros[(micros.size() - 1) / 2] + micros[micros.size() / 2]) / 2;
     std::printf("samples %d median_us %ld min_us %ld max_us %ld not_exec %d failed %d\n", samples, median,
                 micros.front(), micros.back(), notExec, failed);
     return 0;
@@ -120,14 +81,12 @@ int probeProcess(int argc, char** argv) {
     int rc = 2;
     if (command == "run") {
         rc = run(argc, argv);
-    } else if (command == "stdout") {
-        rc = captureStdout(argc, argv);
-    } else if (command == "bench-exec") {
-        rc = benchExec(argc, argv);
+    } else if (command == "bench-exec" && argc == 3 && std::atoi(argv[2]) > 0) {
+        rc = benchExec(argv[1], std::atoi(argv[2]));
     }
     if (rc == 2) {
         std::fprintf(stderr, "usage: vexa_probe process run [-e NAME=VALUE]... USER|- LOGFILE|- PROGRAM [ARGS...]"
-                             " | stdout PROGRAM [ARGS...] | bench-exec USER|- N\n");
+                             " | bench-exec USER|- N\n");
     }
     return rc;
 }
