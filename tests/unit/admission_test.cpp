@@ -4,8 +4,10 @@
 
 #include "auth/admission.h"
 #include "common/logger.h"
+#include "test_support.h"
 
 using namespace Vexa;
+using TestSupport::logged;
 
 namespace {
 
@@ -38,16 +40,6 @@ struct FakeSystem {
         return l;
     }
 };
-
-// Runs `work` with the log on standard error and returns what was logged.
-template <typename Work>
-std::string logged(Work&& work) {
-    Syslog::setDebugLevel(DebugLevel::Console);
-    ::testing::internal::CaptureStderr();
-    work();
-    Syslog::setDebugLevel(DebugLevel::None);
-    return ::testing::internal::GetCapturedStderr();
-}
 
 const std::vector<RegisteredSession> aliceRunning{{7, "alice", "DefaultSession", 101}};
 

@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include "test_support.h"
 #include <openssl/blowfish.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
@@ -18,22 +20,11 @@
 #include "common/utils.h"
 
 using namespace Vexa;
+using namespace TestSupport;
 using Utils::hexstr2bytes;
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string logged(const std::function<void()>& call) {
-    Syslog::setDebugLevel(DebugLevel::Console);
-    ::testing::internal::CaptureStderr();
-    call();
-    Syslog::setDebugLevel(DebugLevel::None);
-    return ::testing::internal::GetCapturedStderr();
-}
-
-bool contains(const std::string& text, std::string_view part) {
-    return text.find(part) != std::string::npos;
-}
 
 std::string hex(const std::vector<uint8_t>& data) {
     return Utils::hexRange(data.data(), data.data() + data.size());

@@ -12,23 +12,17 @@
 
 #include <gtest/gtest.h>
 
+#include "test_support.h"
+
 #include "common/globals.h"
 #include "common/process.h"
 #include "common/vexa_error.h"
 
 using namespace Vexa;
+using namespace TestSupport;
 namespace fs = std::filesystem;
 
 namespace {
-
-struct TempDir {
-    TempDir() {
-        std::string name = (fs::temp_directory_path() / "vexa-process-XXXXXX").string();
-        path = ::mkdtemp(name.data());
-    }
-    ~TempDir() { fs::remove_all(path); }
-    fs::path path;
-};
 
 std::vector<std::string> texts(const std::vector<const char*>& vec) {
     std::vector<std::string> result;

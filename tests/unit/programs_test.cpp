@@ -7,29 +7,15 @@
 
 #include <gtest/gtest.h>
 
+#include "test_support.h"
+
 #include "common/logger.h"
 #include "programs/desktop_file.h"
 #include "programs/program_list.h"
 
 using namespace Vexa;
+using namespace TestSupport;
 namespace fs = std::filesystem;
-
-namespace {
-
-// Everything the call logs, through the console sink.
-std::string logged(const std::function<void()>& call) {
-    Syslog::setDebugLevel(DebugLevel::Console);
-    ::testing::internal::CaptureStderr();
-    call();
-    Syslog::setDebugLevel(DebugLevel::None);
-    return ::testing::internal::GetCapturedStderr();
-}
-
-bool contains(const std::string& text, std::string_view part) {
-    return text.find(part) != std::string::npos;
-}
-
-} // namespace
 
 TEST(DesktopFile, OnlyTheDesktopEntrySectionCountsAndTheTypeIsExactlyApplication) {
     // name, localized name, exec, isApplication, terminal, hidden

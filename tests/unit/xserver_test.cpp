@@ -9,34 +9,15 @@
 
 #include <gtest/gtest.h>
 
+#include "test_support.h"
+
 #include "common/logger.h"
 #include "start/xserver.h"
 
 using namespace Vexa;
+using namespace TestSupport;
 namespace fs = std::filesystem;
 using namespace std::string_literals;
-
-namespace {
-
-// Everything the call logs, through the console sink.
-std::string logged(const std::function<void()>& call) {
-    Syslog::setDebugLevel(DebugLevel::Console);
-    ::testing::internal::CaptureStderr();
-    call();
-    Syslog::setDebugLevel(DebugLevel::None);
-    return ::testing::internal::GetCapturedStderr();
-}
-
-struct TempDir {
-    TempDir() {
-        std::string name = (fs::temp_directory_path() / "vexa-xserver-XXXXXX").string();
-        path = ::mkdtemp(name.data());
-    }
-    ~TempDir() { fs::remove_all(path); }
-    fs::path path;
-};
-
-} // namespace
 
 TEST(XserverDisplay, NewSessionTakesTheFirstNumberAfterTheRunFromBase) {
     const std::tuple<uint32_t, std::vector<int32_t>, uint32_t> cases[] = {
