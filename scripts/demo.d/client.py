@@ -25,7 +25,7 @@ def main():
         ("vexaTest", ()), ("vexaApiVersion", ()), ("vexaStatus", ()), ("vexaSessions", ()),
         ("zabbixSessionsTotal", ()), ("vexaPolicyConnectDefault", ()),
         ("vexaPolicyRedirectClipboardDefault", ()), ("vexaSeamlessTimeoutDefault", ()),
-        ("vexaCheckProxyListen", ()), ("vexaLoadAverage", ()),
+        ("vexaCheckProxyListen", ()), ("vexaLoadAverage", ()), ("vexaProgramList", ()),
     ]
     for method, args in questions:
         answer = getattr(vexa, method)(*args)
