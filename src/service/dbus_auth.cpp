@@ -1,12 +1,46 @@
 // Credential checks.
 
+#include <optional>
+
 #include "auth/openssl.h"
+#include "start/pam_service.h"
 #include "dbus_service.h"
 
 namespace Vexa {
 
-bool DBusService::vexaCheckAuthUser(const std::string&, const std::string&, const std::string&) {
-    return notImplemented("vexaCheckAuthUser", false);
+bool DBusService::vexaCheckAuthUser(const std::string& user, const std::string& pass, const std::string& service) {
+    return boundary("vexaCheckAuthUser", false, [&] {
+        info("%s: user: %s, service: %s", "vexaCheckAuthUser", user.c_str(), service.c_str());
+
+        // A transport's one-time token stands in for the password once; compared and cleared under the sessions
+        // lock, which guards the user records.
+        const auto tokenAccepted = sessions.locked([&](const SessionRegistry::Map& map) -> std::optional<bool> {
+            for (const auto& [id, session] : map) {
+                if (!session->user || session->user->name != user || session->user->transportToken.empty()) {
+                    continue;
+                }
+                auto& token = session->user->transportToken;
+                if (token != pass) {
+                    return false;
+                }
+                token.clear();
+                return true;
+            }
+            return std::nullopt;
+        });
+        if (tokenAccepted) {
+            const char* result = *tokenAccepted ? "TRUE" : "FALSE";
+            const char* format = "%s: transport token present, check it for user: %s, result: %s";
+            if (*tokenAccepted) {
+                info(format, "vexaCheckAuthUser", user.c_str(), result);
+                return true;
+            }
+            warning(format, "vexaCheckAuthUser", user.c_str(), result);
+        }
+
+        PamService pam(service.empty() ? "vexa" : service, user, pass);
+        return pam.checkAuthenticate();
+    });
 }
 
 bool DBusService::vexaCheckAuthCertificate(const std::string& pemcert) {

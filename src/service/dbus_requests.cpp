@@ -1,6 +1,7 @@
 // Session requests from transports and administrators, and the login helper.
 
 #include "dbus_service.h"
+#include "start/pam_service.h"
 
 namespace Vexa {
 
@@ -32,8 +33,12 @@ bool DBusService::vexaLogin(const std::string&, const std::string&, const std::s
     return notImplemented("vexaLogin", false);
 }
 
-bool DBusService::vexaTestConnect(const std::string&, const std::string&, const std::string&) {
-    return notImplemented("vexaTestConnect", false);
+bool DBusService::vexaTestConnect(const std::string& user, const std::string& domain, const std::string& pass) {
+    return boundary("vexaTestConnect", false, [&] {
+        notice("%s: user: %s, domain: `%s'", "vexaTestConnect", user.c_str(), domain.c_str());
+        PamService pam(configuration()->getString("pam:service", "vexa"), user, pass);
+        return pam.checkAuthenticate();
+    });
 }
 
 sdbus::Struct<int32_t, std::string> DBusService::vexaLoginHelperStart(const std::string&, const int32_t&) {

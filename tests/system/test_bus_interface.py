@@ -14,11 +14,11 @@ from conftest import (API_VERSION, BUS_NAME, DECLARED, INTERFACE, OBJECT_PATH, V
 # Declared on the bus but not built yet: each answers an ordinary reply and logs
 # "<name>: not implemented". Remove a name here when its operation lands.
 NOT_IMPLEMENTED = """
-    busSessionRequest busSessionShutdown vexaTestConnect vexaLogin vexaSessionShutdown
+    busSessionRequest busSessionShutdown vexaLogin vexaSessionShutdown
     vexaDisconnect proxyListenStarted proxyClientConnected proxyListenTimeout vexaSendNotify
     vexaRdpSecurityPolicy vexaSessionInfoJson vexaUserInfoJson vexaSessionGeometry
     busProgramRequest busSessionDomainRequest vexaSessionRequest vexaConnectRdpTransport
-    proxySessionConnected vexaSessionProcess vexaCheckAuthUser vexaDisplayResize
+    proxySessionConnected vexaSessionProcess vexaDisplayResize
     vexaSessionDurationLimit vexaSessionInactivityLimit vexaSessionPolicyRedirectPrinter
     vexaSessionPolicyRedirectAudio vexaSessionPolicyRedirectMicrophone
     vexaSessionPolicyRedirectClipboard vexaSessionPolicyRedirectClipboardFile
