@@ -168,20 +168,30 @@ std::vector<uint8_t> blowfishDecrypt(const std::vector<uint8_t>& crypt, const st
 
 namespace Openssl {
 
-CertificateFile::CertificateFile(const std::filesystem::path& path) {
-    BioPtr bio(BIO_new_file(path.c_str(), "r"));
+namespace {
+
+// One PEM certificate from `bio`; `owner` names the class, `label` and `source` say where the text came from.
+// Each failure is logged and thrown with the owner's name.
+X509* readCertificate(BioPtr bio, const char* owner, const char* opener, const char* label, const char* source) {
     if (!bio) {
         ERR_clear_error();
-        Syslog::error("%s: %s failed, file: `%s'", "CertificateFile", "BIO_new_file", path.c_str());
-        throw std::runtime_error("CertificateFile");
+        Syslog::error("%s: %s failed, %s: `%s'", owner, opener, label, source);
+        throw std::runtime_error(owner);
     }
-    cert = PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr);
+    X509* cert = PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr);
     if (!cert) {
-        Syslog::error("%s: %s failed, error: %s, file: `%s'", "CertificateFile", "PEM_read_bio_X509",
-                      lastErrorText().c_str(), path.c_str());
-        throw std::runtime_error("CertificateFile");
+        Syslog::error("%s: %s failed, error: %s, %s: `%s'", owner, "PEM_read_bio_X509", lastErrorText().c_str(), label,
+                      source);
+        throw std::runtime_error(owner);
     }
+    return cert;
 }
+
+} // namespace
+
+CertificateFile::CertificateFile(const std::filesystem::path& path)
+    : cert(readCertificate(BioPtr(BIO_new_file(path.c_str(), "r")), "CertificateFile", "BIO_new_file", "file",
+                           path.c_str())) {}
 
 CertificateFile::~CertificateFile() {
     X509_free(cert);
@@ -190,17 +200,7 @@ CertificateFile::~CertificateFile() {
 CertificatePem::CertificatePem(std::string_view pem) {
     const std::string text(pem);
     BioPtr bio(text.size() <= INT_MAX ? BIO_new_mem_buf(text.data(), static_cast<int>(text.size())) : nullptr);
-    if (!bio) {
-        ERR_clear_error();
-        Syslog::error("%s: %s failed, pem: `%s'", "CertificatePem", "BIO_new_mem_buf", text.c_str());
-        throw std::runtime_error("CertificatePem");
-    }
-    cert = PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr);
-    if (!cert) {
-        Syslog::error("%s: %s failed, error: %s, pem: `%s'", "CertificatePem", "PEM_read_bio_X509",
-                      lastErrorText().c_str(), text.c_str());
-        throw std::runtime_error("CertificatePem");
-    }
+    cert = readCertificate(std::move(bio), "CertificatePem", "BIO_new_mem_buf", "pem", text.c_str());
 }
 
 CertificatePem::~CertificatePem() {
