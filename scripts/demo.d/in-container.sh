@@ -3,7 +3,7 @@
 # logind, start vexa.service as the installed unit, then run the client. Output goes to /e2e/out/run.log.
 exec >/e2e/out/run.log 2>&1
 here=$(dirname "$(realpath "$0")")
-systemctl start dbus.service systemd-logind.service || exit 1
+systemctl start dbus.service systemd-logind.service systemd-user-sessions.service || exit 1
 echo "starting vexa.service (Type=notify: returns once the daemon has said READY=1)"
 systemctl start vexa.service || {
     systemctl --no-pager status vexa.service

@@ -1,9 +1,11 @@
 #include "resource_limits.h"
 
 #include <array>
+#include <filesystem>
 #include <string_view>
 
 #include "common/json_config.h"
+#include "common/logger.h"
 
 namespace Vexa {
 
@@ -89,6 +91,30 @@ LimitsDefaults readLimitsDefaults(const Json::Value& limitsFile) {
     defaults.networkDeny = values.getString("network:deny");
     defaults.networkAllow = values.getString("network:allow");
     return defaults;
+}
+
+std::map<std::string, ResourceLimits> getScopeLimits(const char* scope, const char* path) {
+    std::map<std::string, ResourceLimits> result;
+    std::error_code ec;
+    if (!std::filesystem::exists(path, ec)) {
+        Syslog::error("%s: path not found: %s", "getScopeLimits", path);
+        return result;
+    }
+    const auto json = readJson(path);
+    if (!json.isObject()) {
+        Syslog::error("%s: json not object, file: %s", "getScopeLimits", path);
+        return result;
+    }
+    const auto& entries = json[scope];
+    if (!entries.isArray()) {
+        return result;
+    }
+    for (const auto& entry : entries) {
+        if (entry.isObject() && entry.isMember("name") && entry["name"].isString()) {
+            result.emplace(entry["name"].asString(), ResourceLimits(entry));
+        }
+    }
+    return result;
 }
 
 } // namespace Vexa

@@ -50,4 +50,8 @@ LimitsDefaults readLimitsDefaults(const Json::Value& limitsFile);
 
 inline constexpr const char* limitsFilePath = "/etc/vexa/limits.json";
 
+// The limits of the "groups" or "users" member of the limits file, by name (the first entry of a repeated
+// name wins). Read anew on every call; empty, and logged, when the file is missing or not an object.
+std::map<std::string, ResourceLimits> getScopeLimits(const char* scope, const char* path = limitsFilePath);
+
 } // namespace Vexa

@@ -12,22 +12,7 @@ bool DBusService::vexaCheckAuthUser(const std::string& user, const std::string& 
     return boundary("vexaCheckAuthUser", false, [&] {
         info("%s: user: %s, service: %s", "vexaCheckAuthUser", user.c_str(), service.c_str());
 
-        // A transport's one-time token stands in for the password once; compared and cleared under the sessions
-        // lock, which guards the user records.
-        const auto tokenAccepted = sessions.locked([&](const SessionRegistry::Map& map) -> std::optional<bool> {
-            for (const auto& [id, session] : map) {
-                if (!session->user || session->user->name != user || session->user->transportToken.empty()) {
-                    continue;
-                }
-                auto& token = session->user->transportToken;
-                if (token != pass) {
-                    return false;
-                }
-                token.clear();
-                return true;
-            }
-            return std::nullopt;
-        });
+        const auto tokenAccepted = consumeTransportToken(user, pass);
         if (tokenAccepted) {
             const char* result = *tokenAccepted ? "TRUE" : "FALSE";
             const char* format = "%s: transport token present, check it for user: %s, result: %s";

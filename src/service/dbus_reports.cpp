@@ -1,9 +1,11 @@
 // Session status reports: read-only answers built from the registry.
 
 #include <fstream>
+#include <optional>
 #include <thread>
 
 #include "dbus_service.h"
+#include "session/report.h"
 
 namespace Vexa {
 
@@ -21,12 +23,41 @@ std::vector<sdbus::Struct<std::string, uint32_t>> DBusService::vexaSessions() {
     });
 }
 
-std::string DBusService::vexaSessionInfoJson(const uint32_t&) {
-    return notImplemented("vexaSessionInfoJson", std::string("{}"));
+// The display geometry is not reported until the service has an X connection to a session's display.
+std::string DBusService::vexaSessionInfoJson(const uint32_t& session) {
+    return boundary("vexaSessionInfoJson", std::string("{}"), [this, session] {
+        debug("%s: session id: %d", "vexaSessionInfoJson", static_cast<int>(session));
+        auto json = sessions.locked([session](const SessionRegistry::Map& map) -> std::optional<std::string> {
+            const auto found = map.find(session);
+            if (found == map.end()) {
+                return std::nullopt;
+            }
+            return sessionJson(*found->second, std::nullopt);
+        });
+        if (!json) {
+            warning("%s: session not found: 0x%08x", "vexaSessionInfoJson", session);
+            return std::string("{}");
+        }
+        return std::move(*json);
+    });
 }
 
-std::string DBusService::vexaUserInfoJson(const std::string&) {
-    return notImplemented("vexaUserInfoJson", std::string("[]"));
+std::string DBusService::vexaUserInfoJson(const std::string& user) {
+    return boundary("vexaUserInfoJson", std::string("[]"), [this, &user] {
+        debug("%s: user: %s", "vexaUserInfoJson", user.c_str());
+        return sessions.locked([&user](const SessionRegistry::Map& map) {
+            std::string array = "[";
+            for (const auto& [id, session] : map) {
+                if (session->user && session->user->name == user) {
+                    if (array.size() > 1) {
+                        array += ',';
+                    }
+                    array += sessionJson(*session, std::nullopt);
+                }
+            }
+            return array + ']';
+        });
+    });
 }
 
 double DBusService::vexaLoadAverage() {
@@ -65,12 +96,37 @@ uint32_t DBusService::zabbixSessionsOnline() {
     });
 }
 
-std::string DBusService::vexaSessionProcess(const uint32_t&) {
-    return notImplemented("vexaSessionProcess", std::string());
+// Every process of the session's user counts, also those of the user's other sessions.
+std::string DBusService::vexaSessionProcess(const uint32_t& session) {
+    return boundary("vexaSessionProcess", std::string(), [this, session] {
+        const auto owner = sessions.locked([session](const SessionRegistry::Map& map) -> std::optional<uid_t> {
+            const auto found = map.find(session);
+            if (found == map.end() || !found->second->user || found->second->user->uid < 0) {
+                return std::nullopt;
+            }
+            return static_cast<uid_t>(found->second->user->uid);
+        });
+        if (!owner) {
+            warning("%s: session not found: 0x%08x", "vexaSessionProcess", session);
+            return std::string();
+        }
+        // The walk over /proc reads many files; it runs outside the sessions lock.
+        return userProcessesJson(*owner);
+    });
 }
 
-std::string DBusService::vexaTransportDisplayDBusAddress(const uint32_t&) {
-    return notImplemented("vexaTransportDisplayDBusAddress", std::string());
+std::string DBusService::vexaTransportDisplayDBusAddress(const uint32_t& display) {
+    return boundary("vexaTransportDisplayDBusAddress", std::string(), [this, display] {
+        const auto session = findDisplaySession(display);
+        if (!session) {
+            warning("%s: display not found: %u", "vexaTransportDisplayDBusAddress", display);
+            return std::string();
+        }
+        auto address = sessions.locked([&session](const SessionRegistry::Map&) { return session->dbusAddress; });
+        info("%s: display: %u, session dbus address: `%s'", "vexaTransportDisplayDBusAddress", display,
+             address.c_str());
+        return address;
+    });
 }
 
 } // namespace Vexa

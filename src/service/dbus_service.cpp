@@ -133,6 +133,7 @@ void DBusService::start(const std::string& configPath) {
     }
 
     watcher.join();
+    service->waitWorkers();
     service->sessionsClear();
     notice("%s: shutdown complete", "start");
     service.reset();
@@ -235,6 +236,7 @@ void DBusService::watcherLoop() {
         reloadProgramsWatcher();
         reloadConfigWatcher();
     });
+    jobs.add("stoppedChildsWatcher", 600ms, [this] { stoppedChildsWatcher(); });
 
     while (serviceRunning.load()) {
         jobs.runDue();

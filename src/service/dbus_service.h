@@ -7,6 +7,11 @@
 // jobs; detached workers hold shared pointers to the sessions they use.
 
 #include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <future>
+#include <optional>
+#include <utility>
 #include <chrono>
 #include <exception>
 #include <filesystem>
@@ -18,6 +23,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 #include <vexa_adaptor.h>
 
+#include "auth/admission.h"
 #include "common/json_config.h"
 #include "common/logger.h"
 #include "event_loop.h"
@@ -27,18 +33,43 @@
 #include "session/registry.h"
 #include "session/service_defaults.h"
 #include "session/state.h"
+#include "start/session_manager.h"
 
 namespace Vexa {
 
 inline constexpr const char* serviceBusName = "ru.kelvo.vexa";
 inline constexpr const char* serviceObjectPath = "/ru/kelvo/vexa";
 inline constexpr const char* sessionsStoreDir = "/var/lib/vexa/sessions";
+inline constexpr const char* sessionManagerProgram = VEXA_LIBEXEC_DIR "/vexa_session_manager";
 
 // Thrown out of start() when the bus connection was lost while running, after the orderly shutdown, so that
 // the process ends with a failure status and the service manager restarts it.
 class bus_lost : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
+};
+
+// Arguments of a session start.
+struct StartSessionArgs {
+    std::string user;
+    std::string domain;
+    uint8_t depth = 24;
+    uint16_t width = 1280;
+    uint16_t height = 1024;
+    std::string sessionName;
+    std::string program;
+    std::list<std::string> args;
+    RunMode mode = RunMode::UserSessionRequest;
+    // The caller was accepted without a password (a transport's one-time token): PAM runs the service
+    // without authentication.
+    bool noauth = false;
+    // Checked by PAM in the session manager; absent only with `noauth` or for the login helper's session.
+    std::optional<std::string> password;
+};
+
+struct StartSessionResult {
+    std::shared_ptr<Session> session; // empty on refusal
+    StartStatus status = StartStatus::Success;
 };
 
 class DBusService : public Syslog, public sdbus::AdaptorInterfaces<ru::kelvo::vexa_adaptor> {
@@ -79,11 +110,53 @@ public:
     // Called once when the dispatcher has stopped: drops every session and ends the children still running.
     void sessionsClear();
 
+    // Admits the user and starts (or hands out again) a session; blocks the calling thread until systemd-logind
+    // knows the new session and its bus is up (or those waits gave up). Never throws.
+    StartSessionResult startSession(const StartSessionArgs& args);
+
+    // Watcher: sessions whose session manager has exited leave the registry and are announced as ended.
+    void stoppedChildsWatcher();
+
+    // An audit record of the session's user; does nothing when auditing is unavailable.
+    void auditUserMessage(uint32_t display, const std::string& remoteaddr, int type, const std::string& message,
+                          const std::string& user, bool result) const;
+
+    // Waits until every worker started with startWorker has finished.
+    void waitWorkers();
+
     // Watcher thread body: periodic jobs while the service runs, then the stop sequence.
     void watcherLoop();
 
 private:
+    using SessionPtr = SessionRegistry::SessionPtr;
+
     void applyDefaults(const ServiceDefaults& next);
+
+    // Steps of the session start (session_start.cpp).
+    StartSessionResult startSessionSteps(const StartSessionArgs& args);
+    void reuseSession(Session& session, const std::string& xauthGroup);
+    bool launchSession(const SessionPtr& session, const StartSessionArgs& args, const JsonConfig& config);
+    // Starts the session manager program with the plan on its standard input; its pid and the task that
+    // reaps it.
+    std::pair<pid_t, std::future<int>> runSessionManager(const Session* session, const SessionManagerPlan& plan);
+    StartSessionResult waitSessionStarted(const SessionPtr& session, uint32_t startTimeout);
+    uint32_t nextSessionId(const SessionRegistry::Map& map);
+    void applyFileLimits(const SessionPtr& session);
+    void announceSessionEnd(SessionPtr session);
+
+    // Session requests (dbus_requests.cpp): 0 and the session, or the request's negative reply.
+    int32_t requestSession(const StartSessionArgs& args, SessionPtr& session);
+    // requestSession, then the proxy is told to let the connection through; the session id or the reply.
+    int32_t requestAllowedSession(const StartSessionArgs& args);
+    void allowConnection(const Session& session);
+    StartSessionArgs defaultSessionArgs(const std::string& user, uint8_t depth, uint16_t width, uint16_t height) const;
+    // The one-time token of a transport for `user`: nullopt when none is pending, else whether it matched
+    // (a match uses it up).
+    std::optional<bool> consumeTransportToken(const std::string& user, const std::string& token);
+    bool sessionCheckPolicyConnection(const Session& session) const;
+
+    // Runs `work` on a detached thread that the stop sequence waits for.
+    void startWorker(std::function<void()> work);
 
     // Where the program list comes from: "session:programs" and "applications:skip" of a configuration.
     struct ProgramSources {
@@ -294,7 +367,12 @@ private:
     std::atomic<int64_t> programsModified{0}; // last seen modification time (s) of the programs file
 
     SessionRegistry sessions;
+    uint32_t lastSessionId = 0; // guarded by the sessions lock: the id handed out last
     ChildTable children;
+
+    std::mutex workersLock; // guards `workersRunning`
+    std::condition_variable workersDone;
+    int workersRunning = 0;
 };
 
 } // namespace Vexa

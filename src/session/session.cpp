@@ -1,7 +1,12 @@
 #include "session.h"
 
 #include <algorithm>
+#include <csignal>
+#include <fstream>
+#include <sys/mount.h>
 
+#include "common/logger.h"
+#include "profile.h"
 #include "redirect_policy.h"
 
 namespace Vexa {
@@ -14,6 +19,26 @@ Session::Session(uint32_t id, std::shared_ptr<UserEx> owner, const ServiceDefaul
       redirectPolicy(redirectPolicyWord(defaults.redirect)), policyConnect(defaults.connectPolicy),
       disconnectedFreeze(defaults.disconnectedFreeze), rdpKeepAliveInterval(defaults.keepAliveInterval),
       rdpKeepAliveFailures(defaults.keepAliveFailures) {}
+
+Session::~Session() {
+    for (auto& slot : transports) {
+        slot.reset(false);
+    }
+    if (pid2 > 0) {
+        Syslog::debug("kill %s, pid: %d", "xsession", pid2);
+        kill(pid2, SIGTERM);
+    }
+    std::error_code ec;
+    if (!xauthfile.empty() && std::filesystem::exists(xauthfile, ec)) {
+        std::filesystem::remove(xauthfile, ec);
+    }
+    if (const auto busFile = dbusSessionPath(); !busFile.empty() && std::filesystem::exists(busFile, ec)) {
+        std::filesystem::remove(busFile, ec);
+    }
+    if (user && user.use_count() == 1 && user->profileMounted && umount(user->profileMountPoint.c_str()) != 0) {
+        startProfileCloseJob(user->profileMountPoint, static_cast<uid_t>(user->uid));
+    }
+}
 
 void Session::addConnectInfo(int pid, const std::string& remoteaddr) {
     auto free = std::find_if(transports.begin(), transports.end(), [](const auto& slot) { return slot.pid == 0; });
@@ -58,6 +83,19 @@ std::list<std::string> Session::environments() const {
     env.push_back("HOME=" + (user ? user->home : std::string()));
     env.push_back("PCSCLITE_CSOCK_NAME=" + runtimeDir + "/vexa/pcsc_comm_" + displayNumber);
     return env;
+}
+
+void Session::sessionFreeze(bool freeze) const {
+    if (freeze && (haveActiveConnects() || !disconnectedFreeze)) {
+        return;
+    }
+    const auto control = std::filesystem::path("/sys/fs/cgroup/" + systemdCgroup) / "cgroup.freeze";
+    std::error_code ec;
+    if (systemdCgroup.empty() || !std::filesystem::exists(control, ec)) {
+        return;
+    }
+    std::ofstream out(control);
+    out << (freeze ? "1" : "0") << std::endl;
 }
 
 std::filesystem::path Session::dbusSessionPath() const {

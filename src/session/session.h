@@ -30,7 +30,10 @@ public:
 
     // A new session takes its limits and policies from the service defaults; it is started and online now.
     Session(uint32_t id, std::shared_ptr<UserEx> user, const ServiceDefaults& defaults);
-    virtual ~Session() = default;
+    // Tear-down, on whichever thread drops the last reference: the transports and the session manager
+    // receive SIGTERM, the X authority file and the bus address file are removed, and the user's profile is
+    // unmounted when this was the user's last session (a busy profile is left to a background job).
+    virtual ~Session();
 
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -52,12 +55,19 @@ public:
     // the session's programs may write, named after the session id.
     std::filesystem::path dbusSessionPath() const;
 
+    // Freezes (true) or thaws (false) every process of the session through the cgroup freezer. A freeze
+    // happens only when no transport runs and "disconnected:freeze" is set; a thaw is always written. Does
+    // nothing, silently, when the session's cgroup has no freezer file.
+    void sessionFreeze(bool freeze) const;
+
     const uint32_t sid;
     std::shared_ptr<UserEx> user;
 
     int32_t display = -1; // X display number; -1 until one is chosen
     std::filesystem::path xauthfile;
     std::string gusId;
+    std::string uizr;
+    std::string serverId; // of the request that started the session
     std::string xsessionName;
     std::string xsessionProg;
     std::list<std::string> xsessionArgs;

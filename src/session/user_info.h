@@ -17,6 +17,7 @@ namespace Vexa {
 class UserEx : public UserInfo {
 public:
     using UserInfo::UserInfo;
+    explicit UserEx(const UserInfo& info) : UserInfo(info) {}
 
     std::string domain;
     std::string ntlm;                 // the user's NT hash line

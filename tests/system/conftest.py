@@ -80,13 +80,14 @@ def cursor():
     return json.loads(run(["journalctl", "-q", "-o", "json", "-n", "1"]).stdout)["__CURSOR"]
 
 
-def journal(after, pid=None, message=None):
+def journal(after, pid=None, message=None, idents=("vexa_service",)):
     """The daemon's entries after a cursor, optionally of one process and with one exact text
-    (filtered here: journalctl finds nothing after a cursor whose entry fails its filter)."""
+    (filtered here: journalctl finds nothing after a cursor whose entry fails its filter).
+    The session managers log as "vexa_session_manager"."""
     run(["journalctl", "--sync"])
     out = run(["journalctl", "-q", "-o", "json", f"--after-cursor={after}"]).stdout
     return [e for e in map(json.loads, out.splitlines())
-            if e.get("SYSLOG_IDENTIFIER") == "vexa_service" and pid in (None, int(e["_PID"]))
+            if e.get("SYSLOG_IDENTIFIER") in idents and pid in (None, int(e["_PID"]))
             and message in (None, e.get("MESSAGE"))]
 
 

@@ -7,8 +7,9 @@ set -u
 . /etc/vexa-e2e.env
 out=/e2e/out
 
-# This job starts early in the boot, before the bus and logind.
-if systemctl start dbus.service systemd-logind.service; then
+# This job starts early in the boot, before the bus and logind, and while /run/nologin still refuses
+# user logins (systemd-user-sessions removes it).
+if systemctl start dbus.service systemd-logind.service systemd-user-sessions.service; then
     # shellcheck disable=SC2163 # KEY=VALUE is exported as it stands
     for kv in ${E2E_ENV[@]+"${E2E_ENV[@]}"}; do export "$kv"; done
     export E2E_SRC_DIR E2E_BUILD_DIR PYTHONDONTWRITEBYTECODE=1 PYTHONUNBUFFERED=1

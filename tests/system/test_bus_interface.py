@@ -14,25 +14,21 @@ from conftest import (API_VERSION, BUS_NAME, DECLARED, INTERFACE, OBJECT_PATH, V
 # Declared on the bus but not built yet: each answers an ordinary reply and logs
 # "<name>: not implemented". Remove a name here when its operation lands.
 NOT_IMPLEMENTED = """
-    busSessionRequest busSessionShutdown vexaLogin vexaSessionShutdown
     vexaDisconnect proxyListenStarted proxyClientConnected proxyListenTimeout vexaSendNotify
-    vexaRdpSecurityPolicy vexaSessionInfoJson vexaUserInfoJson vexaSessionGeometry
-    busProgramRequest busSessionDomainRequest vexaSessionRequest vexaConnectRdpTransport
-    proxySessionConnected vexaSessionProcess vexaDisplayResize
-    vexaSessionDurationLimit vexaSessionInactivityLimit vexaSessionPolicyRedirectPrinter
-    vexaSessionPolicyRedirectAudio vexaSessionPolicyRedirectMicrophone
-    vexaSessionPolicyRedirectClipboard vexaSessionPolicyRedirectClipboardFile
-    vexaSessionPolicyRedirectClipboardLimit vexaSessionPolicyRedirectDrive
-    vexaSessionPolicyRedirectSmartcard vexaSessionPolicyConnect vexaSessionDisconnectLimit
-    vexaSessionSeamlessLimit vexaTransportDisplayInactivity vexaTransportDisplayInactivityEvent
-    vexaTransportDisplayPolicyRedirect vexaSessionRemoteAssistance vexaTransportDisplayDBusAddress
-    vexaTransportDisplayRdpKeepAlive vexaSessionPolicyRdpKeepAlive vexaSessionLimitCpuWeight
-    vexaUserLimitCpuWeight vexaSessionLimitCpuQuota vexaUserLimitCpuQuota vexaSessionLimitMemoryHigh
-    vexaUserLimitMemoryHigh vexaSessionLimitMemoryMax vexaUserLimitMemoryMax
-    vexaSessionLimitTasksMax vexaUserLimitTasksMax vexaSessionDisconnectedFreeze
-    vexaSessionNetworkDeny vexaUserNetworkDeny vexaSessionNetworkAllow vexaUserNetworkAllow
-    vexaLoginHelperStart vexaLoginHelperStarted vexaLoginHelperAllowConnectForTransportTo
-    vexaTransportDisplayMonitorsChanged vexaUserSessionsCheckTimeouts
+    vexaRdpSecurityPolicy vexaSessionGeometry vexaConnectRdpTransport proxySessionConnected
+    vexaDisplayResize vexaSessionDurationLimit vexaSessionInactivityLimit
+    vexaSessionPolicyRedirectPrinter vexaSessionPolicyRedirectAudio
+    vexaSessionPolicyRedirectMicrophone vexaSessionPolicyRedirectClipboard
+    vexaSessionPolicyRedirectClipboardFile vexaSessionPolicyRedirectClipboardLimit
+    vexaSessionPolicyRedirectDrive vexaSessionPolicyRedirectSmartcard vexaSessionPolicyConnect
+    vexaSessionDisconnectLimit vexaSessionSeamlessLimit vexaTransportDisplayInactivity
+    vexaTransportDisplayInactivityEvent vexaTransportDisplayPolicyRedirect
+    vexaSessionRemoteAssistance vexaTransportDisplayRdpKeepAlive vexaSessionPolicyRdpKeepAlive
+    vexaSessionLimitCpuWeight vexaUserLimitCpuWeight vexaSessionLimitCpuQuota vexaUserLimitCpuQuota
+    vexaSessionLimitMemoryHigh vexaUserLimitMemoryHigh vexaSessionLimitMemoryMax
+    vexaUserLimitMemoryMax vexaSessionLimitTasksMax vexaUserLimitTasksMax
+    vexaSessionDisconnectedFreeze vexaSessionNetworkDeny vexaUserNetworkDeny vexaSessionNetworkAllow
+    vexaUserNetworkAllow vexaTransportDisplayMonitorsChanged vexaUserSessionsCheckTimeouts
     vexaTransportDisplayShutdown""".split()
 
 # Run as a test user: calls the daemon, then prints signalVexaStopped when it hears it.

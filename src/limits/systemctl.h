@@ -1,0 +1,39 @@
+#pragma once
+
+// Resource properties of user slices and session scopes, set through "/usr/bin/systemctl set-property".
+// systemctl runs as a child process with its own argument vector (never through a shell); each run is logged
+// with the command line an administrator would type.
+
+#include <string>
+#include <sys/types.h>
+#include <utility>
+#include <vector>
+
+#include "resource_limits.h"
+
+namespace Vexa {
+
+inline constexpr const char* systemctlPath = "/usr/bin/systemctl";
+
+// One property assignment: the systemd name and its value; an empty value resets the property.
+using PropertyAssignment = std::pair<std::string, std::string>;
+
+// "user-<uid>.slice"
+std::string userSliceName(uid_t uid);
+
+// The command as logged: the program, "set-property", the unit, then "Name=" for a reset or Name="value" with
+// quotes and backslashes escaped.
+std::string systemctlCommandText(const std::string& unit, const std::vector<PropertyAssignment>& assignments);
+
+// Runs the command and returns its raw wait status (-1 when it could not be started). Logged under `caller`
+// as "system result": at error level unless the status is 0.
+int systemctlSetProperties(const char* caller, const std::string& unit,
+                           const std::vector<PropertyAssignment>& assignments);
+
+// One run on the user's slice with an assignment for every entry of `limits`; nothing runs when there is none.
+int systemctlSetUserProperties(uid_t uid, const ResourceLimits& limits);
+
+// Resets all seven resource properties of the user's slice in one run.
+int systemctlResetAllUserProperties(uid_t uid);
+
+} // namespace Vexa

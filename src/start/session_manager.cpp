@@ -1,0 +1,261 @@
+#include "session_manager.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <grp.h>
+#include <memory>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <json/writer.h>
+
+#include "common/json_config.h"
+#include "common/logger.h"
+#include "common/process.h"
+#include "common/utils.h"
+#include "common/vexa_error.h"
+#include "pam_service.h"
+#include "session/session.h"
+#include "xserver.h"
+
+namespace Vexa {
+
+namespace {
+
+constexpr const char* self = "runSessionManager";
+
+volatile sig_atomic_t stopRequested = 0;
+
+Json::Value listValue(const std::list<std::string>& items) {
+    Json::Value list(Json::arrayValue);
+    for (const auto& item : items) {
+        list.append(item);
+    }
+    return list;
+}
+
+const Json::Value& member(const Json::Value& json, const char* name, bool (Json::Value::*isType)() const) {
+    const Json::Value* value = json.isObject() ? json.find(name, name + std::strlen(name)) : nullptr;
+    if (!value || !(value->*isType)()) {
+        throw vexa_error("decodePlan");
+    }
+    return *value;
+}
+
+std::list<std::string> stringList(const Json::Value& json, const char* name) {
+    std::list<std::string> items;
+    for (const auto& item : member(json, name, &Json::Value::isArray)) {
+        if (!item.isString()) {
+            throw vexa_error("decodePlan");
+        }
+        items.push_back(item.asString());
+    }
+    return items;
+}
+
+template <typename Number>
+Number number(const Json::Value& json, const char* name, Number low, Number high) {
+    const auto value = member(json, name, &Json::Value::isUInt).asUInt();
+    if (value < low || value > high) {
+        throw vexa_error("decodePlan");
+    }
+    return static_cast<Number>(value);
+}
+
+void logFailure(const char* call, int err) {
+    Syslog::warning("%s: %s failed, error: %s, code: %d", self, call, Utils::errnoText(err).c_str(), err);
+}
+
+// Waits for the child; a stop request while waiting is passed on to it once as SIGTERM.
+int waitChild(pid_t pid, bool forwardStop) {
+    int status = 0;
+    bool forwarded = false;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) {
+            logFailure("waitpid", errno);
+            return -1;
+        }
+        if (forwardStop && stopRequested && !forwarded) {
+            kill(pid, SIGTERM);
+            forwarded = true;
+        }
+    }
+    return status;
+}
+
+std::string joinCommand(const SessionManagerPlan& plan) {
+    std::string text = std::string(xsessionScript) + " " + plan.program.string();
+    for (const auto& arg : plan.args) {
+        text += " " + arg;
+    }
+    return text;
+}
+
+} // namespace
+
+void signalHandlerSessionManager(int sig) {
+    if (sig == SIGTERM || sig == SIGINT || sig == SIGHUP) {
+        stopRequested = 1;
+    }
+}
+
+std::string encodePlan(const SessionManagerPlan& plan) {
+    Json::Value json(Json::objectValue);
+    json["session"] = plan.sessionId;
+    json["user"] = plan.user;
+    json["pam:service"] = plan.pamService;
+    if (plan.password) {
+        json["password"] = *plan.password;
+    }
+    json["display"] = plan.display;
+    json["xauthfile"] = plan.xauthfile.string();
+    json["runtimedir"] = plan.runtimeDir.string();
+    json["dbus:file"] = plan.dbusSessionFile.string();
+    json["cookie"] = plan.cookie;
+    json["depth"] = plan.depth;
+    json["width"] = plan.width;
+    json["height"] = plan.height;
+    json["xvfb:path"] = plan.xorgPath.string();
+    json["xvfb:args"] = listValue(plan.xorgArgs);
+    json["xvfb:sock"] = plan.xorgSocket;
+    json["program"] = plan.program.string();
+    json["args"] = listValue(plan.args);
+    json["keyboard"] = plan.onScreenKeyboard;
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    // Bytes as they are: the default writer would replace bytes that are not UTF-8 (a password may hold
+    // them) with U+FFFD.
+    writer["emitUTF8"] = true;
+    return Json::writeString(writer, json);
+}
+
+SessionManagerPlan decodePlan(std::string_view text) {
+    const auto json = parseJsonStrict(text);
+    const auto string = [&json](const char* name) { return member(json, name, &Json::Value::isString).asString(); };
+    SessionManagerPlan plan;
+    plan.sessionId = number<uint32_t>(json, "session", 1, UINT32_MAX);
+    plan.user = string("user");
+    plan.pamService = string("pam:service");
+    if (json.isMember("password")) {
+        plan.password = string("password");
+    }
+    plan.display = number<uint32_t>(json, "display", 0, INT32_MAX);
+    plan.xauthfile = string("xauthfile");
+    plan.runtimeDir = string("runtimedir");
+    plan.dbusSessionFile = string("dbus:file");
+    plan.cookie = string("cookie");
+    plan.depth = number<uint8_t>(json, "depth", 0, UINT8_MAX);
+    plan.width = number<uint16_t>(json, "width", 0, UINT16_MAX);
+    plan.height = number<uint16_t>(json, "height", 0, UINT16_MAX);
+    plan.xorgPath = string("xvfb:path");
+    plan.xorgArgs = stringList(json, "xvfb:args");
+    plan.xorgSocket = string("xvfb:sock");
+    plan.program = string("program");
+    plan.args = stringList(json, "args");
+    plan.onScreenKeyboard = member(json, "keyboard", &Json::Value::isBool).asBool();
+    if (plan.user.empty() || plan.pamService.empty() || plan.program.empty()) {
+        throw vexa_error("decodePlan");
+    }
+    return plan;
+}
+
+std::string pamTtyItem(uint32_t display) {
+    return "X11:" + std::to_string(display);
+}
+
+std::list<std::string> sessionManagerEnvironment(const SessionManagerPlan& plan) {
+    char sid[16];
+    std::snprintf(sid, sizeof(sid), "%08x", plan.sessionId);
+    std::list<std::string> env{
+        std::string("VEXA_SESSION=") + sid,
+        "XCB_AUTH_COOKIE=" + plan.cookie,
+        "VEXA_DBUS_SESSION_FILE=" + plan.dbusSessionFile.string(),
+    };
+    if (plan.onScreenKeyboard) {
+        env.emplace_back("QT_IM_MODULE=qtvirtualkeyboard");
+    }
+    return env;
+}
+
+int runSessionManagerProcess(SessionManagerPlan plan) {
+    const auto account = Utils::getUserInfo(plan.user, false);
+    if (!account) {
+        Syslog::error("%s: user not found: `%s'", self, plan.user.c_str());
+        return EXIT_FAILURE;
+    }
+
+    std::unique_ptr<PamService> pam;
+    {
+        const std::string password = plan.password.value_or(std::string());
+        pam = std::make_unique<PamService>(plan.pamService, plan.user, password);
+        if (plan.password) {
+            explicit_bzero(plan.password->data(), plan.password->size());
+        }
+    }
+    pam->setItem(PAM_TTY, pamTtyItem(plan.display));
+    pam->setItem(PAM_XDISPLAY, ":" + std::to_string(plan.display));
+
+    if (plan.password && !pam->checkAuthenticate()) {
+        Syslog::error("%s: pam checkAuthenticate failed", self);
+        return EXIT_FAILURE;
+    }
+    if (!pam->validateAccount()) {
+        Syslog::error("%s: pam validateAccount failed", self);
+        return EXIT_FAILURE;
+    }
+    if (chdir(account->home.c_str()) != 0 && chdir("/tmp") != 0) {
+        logFailure("chdir", errno);
+    }
+    if (!pam->openSession()) {
+        Syslog::error("%s: pam session failed", self);
+        return EXIT_FAILURE;
+    }
+    if (initgroups(account->name.c_str(), static_cast<gid_t>(account->gid)) != 0) {
+        logFailure("initgroups", errno);
+    }
+
+    // The session record as the environment and the X server see it.
+    auto user = std::make_shared<UserEx>(*account);
+    user->runtimedir = plan.runtimeDir;
+    Session session(plan.sessionId, user, ServiceDefaults{});
+    session.display = static_cast<int32_t>(plan.display);
+    session.xauthfile = plan.xauthfile;
+    session.xsessionProg = plan.program.string();
+
+    auto env = session.environments();
+    env.splice(env.end(), pam->getEnvironments());
+    env.splice(env.end(), sessionManagerEnvironment(plan));
+
+    int result = EXIT_FAILURE;
+    pid_t xorg = -1;
+    try {
+        xorg = runXorgDisplay(&session, plan.xorgArgs, plan.xorgPath, env, plan.depth, plan.width, plan.height);
+        waitXorgSocket(plan.xorgSocket, plan.display, xorg);
+        if (!stopRequested) {
+            std::list<std::string> args{plan.program.string()};
+            args.insert(args.end(), plan.args.begin(), plan.args.end());
+            const pid_t child = Utils::runChildProcess(xsessionScript, args, env, plan.user.c_str(), nullptr);
+            Syslog::info("%s: display: %u, username: %s, cmd: `%s', pid: %d", self, plan.display, plan.user.c_str(),
+                         joinCommand(plan).c_str(), child);
+            if (stopRequested) {
+                kill(child, SIGTERM);
+            }
+            const int status = waitChild(child, true);
+            Utils::syslogWaitStatus(status, self, child);
+            Syslog::debug("%s: wait pid: %d", self, child);
+            result = EXIT_SUCCESS;
+        }
+    } catch (const std::exception& err) {
+        Syslog::error("%s: exception: %s", self, err.what());
+    }
+
+    pam->closeSession();
+    if (xorg > 0) {
+        kill(xorg, SIGTERM);
+        waitChild(xorg, false);
+    }
+    return result;
+}
+
+} // namespace Vexa

@@ -1,0 +1,38 @@
+// vexa_session_manager: the session manager process of one session. Started by vexa_service only, as root,
+// with the session's plan on its standard input.
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <iterator>
+#include <string>
+#include <unistd.h>
+
+#include "common/logger.h"
+#include "start/session_manager.h"
+
+int main() {
+    if (getuid() != 0) {
+        std::cerr << "root privileges required to run" << std::endl;
+        return EXIT_FAILURE;
+    }
+    struct sigaction action {};
+    action.sa_handler = Vexa::signalHandlerSessionManager;
+    sigemptyset(&action.sa_mask);
+    // No SA_RESTART: a stop request must interrupt the wait for the session script.
+    for (const int sig : {SIGTERM, SIGINT, SIGHUP}) {
+        sigaction(sig, &action, nullptr);
+    }
+
+    std::string text(std::istreambuf_iterator<char>(std::cin), {});
+    try {
+        auto plan = Vexa::decodePlan(text);
+        explicit_bzero(text.data(), text.size());
+        return Vexa::runSessionManagerProcess(std::move(plan));
+    } catch (const std::exception& err) {
+        explicit_bzero(text.data(), text.size());
+        Vexa::Syslog::error("%s: exception: %s", "runSessionManager", err.what());
+    }
+    return EXIT_FAILURE;
+}

@@ -1,0 +1,206 @@
+"""Whole sessions through the daemon: a request as a transport makes it, a real user, PAM with pam_systemd,
+logind, an X server and the session script, and their end through the bus or from outside."""
+
+import grp
+import json
+import os
+import pathlib
+import pwd
+import signal
+import stat
+
+import pytest
+
+from conftest import CONFIG, INTERFACE, journal, run, wait_for, wait_line
+
+XVFB = {"xvfb:path": "/usr/bin/Xvfb",
+        "xvfb:args": [":%{display}", "-nolisten", "tcp", "-auth", "%{authfile}",
+                      "-screen", "0", "%{width}x%{height}x%{depth}", "-I"]}
+PASSWORD = "Vexa-e2e-S3ss-4kq9"
+BOTH = ("vexa_service", "vexa_session_manager")
+PROGRAM = {"session:path": "/usr/bin/sleep", "session:args": ["4242"]}
+
+
+def processes(uid=None, name=None):
+    """{pid: argv} of the live processes, optionally of one owner and one program name. The user's
+    systemd manager (user@UID.service) is not a process of any session: logind stops it on its own,
+    some seconds after the user's last session."""
+    found = {}
+    for entry in pathlib.Path("/proc").iterdir():
+        if not entry.name.isdigit():
+            continue
+        try:
+            argv = (entry / "cmdline").read_bytes().split(b"\0")[:-1]
+            state = (entry / "stat").read_text().rsplit(") ", 1)[1][0]
+            owner = entry.stat().st_uid
+            cgroup = (entry / "cgroup").read_text()
+        except (FileNotFoundError, ProcessLookupError, IndexError):
+            continue
+        if state == "Z" or not argv or "/user@" in cgroup:
+            continue
+        if uid in (None, owner) and name in (None, os.path.basename(argv[0].decode())):
+            found[int(entry.name)] = [a.decode() for a in argv]
+    return found
+
+
+def x_servers(display):
+    return {pid: argv for pid, argv in processes(0).items()
+            if os.path.basename(argv[0]) in ("Xvfb", "Xorg") and f":{display}" in argv}
+
+
+class Sessions:
+    """The running daemon, its signals and the sessions a test asked for."""
+
+    def __init__(self, svc, bus):
+        self.svc, self.signals = svc, []
+        self.matches = [bus.add_signal_receiver(
+            lambda *args, member=None: self.signals.append((str(member), [int(a) if isinstance(a, int) else str(a)
+                                                                           for a in args])),
+            None, INTERFACE, member_keyword="member")]
+
+    def request(self, **params):
+        return int(self.svc.value("vexaSessionRequest", "s", json.dumps(params)))
+
+    def signal(self, name, *args):
+        return wait_for(lambda: [s for s in self.signals if s[0] == name and s[1][:len(args)] == list(args)],
+                        timeout=15, what=f"{name}{args}")
+
+    def info(self, sid):
+        return json.loads(str(self.svc.value("vexaSessionInfoJson", "u", sid)))
+
+    def listed(self):
+        return {(str(user), int(sid)) for user, sid in self.svc.value("vexaSessions")}
+
+
+@pytest.fixture
+def sessions(service, bus, files):
+    files.write(CONFIG, {**json.loads(pathlib.Path(CONFIG).read_text()), **XVFB, "debug:level": "debug"})
+    service.start()
+    keeper = Sessions(service, bus)
+    yield keeper
+    for match in keeper.matches:
+        match.remove()
+
+
+def ended(uid, display):
+    return not processes(uid) and not x_servers(display)
+
+
+def test_a_request_makes_a_whole_session(sessions, make_user):
+    user = make_user("e2e-sess-full", PASSWORD)
+    uid = pwd.getpwnam(user).pw_uid
+    sid = sessions.request(username=user, password=PASSWORD, width=1024, height=768, **PROGRAM)
+    assert sid > 0
+    sessions.signal("signalSessionCreated", sid)
+    sessions.signal("signalProxyAllowConnection", sid, uid)
+    assert (user, sid) in sessions.listed()
+
+    info = sessions.info(sid)
+    display = info["display"]
+    # logind follows the session under its numeric id, as an X11 session of the user on that display
+    show = run(["loginctl", "show-session", info["systemd:sid"], "-p", "Name", "-p", "Type", "-p", "Display",
+                "-p", "Class"]).stdout.split()
+    assert sorted(show) == sorted(["Name=" + user, "Type=x11", f"Display=:{display}", "Class=user"])
+    assert info["systemd:sid"].isdigit()
+    assert info["systemd:slice"] == f"user-{uid}.slice"
+    assert info["systemd:cgroup"].endswith(f"/session-{info['systemd:sid']}.scope")
+
+    # the X server as root with the session's authority file, the session program as the user
+    (xpid, xargv), = x_servers(display).items()
+    assert xargv[xargv.index("-auth") + 1] == info["xauthfile"]
+    mode = os.stat(info["xauthfile"])
+    assert (stat.S_IMODE(mode.st_mode), mode.st_uid, grp.getgrgid(mode.st_gid).gr_name) == (0o440, uid, "vexa-xauth")
+    assert [argv for argv in processes(uid, "sleep").values()] == [["/usr/bin/sleep", "4242"]]
+    # the session's own bus answers at the address the session script wrote
+    address = info["dbus:address"]
+    bus_file = pathlib.Path(f"/run/user/{uid}/vexa/dbus_session_{sid}")
+    assert bus_file.read_text().strip() == address
+    run(["setpriv", f"--reuid={uid}", f"--regid={uid}", "--init-groups", "dbus-send", f"--bus={address}",
+         "--dest=org.freedesktop.DBus", "--print-reply", "/org/freedesktop/DBus", "org.freedesktop.DBus.ListNames"])
+
+    lines = [e["MESSAGE"] for e in sessions.svc.barrier(sessions.svc.cursor)]
+    assert f"startSession: session id: {info['systemd:sid']}, display: {display}" in lines
+    assert (f"startSession: depth: 24, width: 1024, height: 768, username: `{user}', session: `DefaultSession'"
+            in lines)
+    assert f"startSession: session id: {sid}, display: {display}, dbus address: `{address}'" in lines
+    run(["journalctl", "--sync"])
+    assert PASSWORD not in run(["journalctl", "-o", "json", f"--after-cursor={sessions.svc.cursor}"]).stdout
+
+    assert sessions.svc.value("vexaSessionShutdown", "u", sid)
+    sessions.signal("signalSessionShutdown", sid)
+    assert (user, sid) not in sessions.listed()
+    wait_for(lambda: ended(uid, display), what="the session's processes to end")
+    assert not pathlib.Path(info["xauthfile"]).exists() and not bus_file.exists()
+    assert sessions.info(sid) == {}
+
+
+def test_refused_requests_start_nothing(sessions, make_user):
+    user = make_user("e2e-sess-bad", PASSWORD)
+    uid = pwd.getpwnam(user).pw_uid
+    cases = [
+        ({"password": "Wrong-e2e-9x"}, -4, "runSessionManager: pam checkAuthenticate failed"),
+        ({}, -4, f"startSession: no password and no accepted transport token, user: {user}"),
+        ({"transport_token": "never-given"}, -4, f"vexaSessionRequest: transport token not accepted, user: {user}"),
+        ({"password": PASSWORD, "program": "no such program"}, -9,
+         "vexaSessionRequest: program not registered, name: no such program"),
+    ]
+    for extra, reply, line in cases:
+        after = sessions.svc.cursor
+        assert sessions.request(username=user, **PROGRAM, **extra) == reply, extra
+        assert wait_for(lambda: journal(after, message=line, idents=BOTH), what=line)
+    assert sessions.request(password=PASSWORD) == -4  # no user name at all
+    assert not sessions.listed()
+    wait_for(lambda: not processes(uid) and not x_servers(101) and not x_servers(102), what="nothing left")
+
+
+def test_reuse_and_two_users(sessions, make_user):
+    first, second = make_user("e2e-sess-one", PASSWORD), make_user("e2e-sess-two", PASSWORD)
+    sid = sessions.request(username=first, password=PASSWORD, **PROGRAM)
+    assert sessions.request(username=first, password=PASSWORD, **PROGRAM) == sid
+    # the running session goes only to someone who knows the password
+    assert sessions.request(username=first, password="Wrong-e2e-9x", **PROGRAM) == -4
+    other = sessions.request(username=second, password=PASSWORD, **PROGRAM)
+    assert other > 0 and other != sid
+    assert sessions.info(sid)["display"] != sessions.info(other)["display"]
+    assert sessions.listed() == {(first, sid), (second, other)}
+
+
+def test_session_ends_when_its_program_is_killed(sessions, make_user):
+    user = make_user("e2e-sess-kill", PASSWORD)
+    uid = pwd.getpwnam(user).pw_uid
+    sid = sessions.request(username=user, password=PASSWORD, **PROGRAM)
+    info = sessions.info(sid)
+    (pid, _), = processes(uid, "sleep").items()
+    os.kill(pid, signal.SIGKILL)
+    sessions.signal("signalSessionShutdown", sid)
+    wait_for(lambda: ended(uid, info["display"]), what="the session's processes to end")
+    assert not sessions.listed()
+    assert not pathlib.Path(info["xauthfile"]).exists()
+
+
+def test_service_stop_ends_live_sessions(sessions, make_user):
+    user = make_user("e2e-sess-stop", PASSWORD)
+    uid = pwd.getpwnam(user).pw_uid
+    sid = sessions.request(username=user, password=PASSWORD, **PROGRAM)
+    display = sessions.info(sid)["display"]
+    sessions.svc.stop()
+    wait_for(lambda: ended(uid, display), what="the session's processes to end")
+
+
+def test_logind_never_knowing_the_session_refuses_it(service, bus, files, make_user):
+    user = make_user("e2e-sess-nologind", PASSWORD)
+    uid = pwd.getpwnam(user).pw_uid
+    pam = pathlib.Path("/etc/pam.d/vexa-e2e-nologind")
+    pam.write_text("auth required pam_unix.so nodelay\naccount required pam_unix.so\n"
+                   "session required pam_unix.so\n")
+    try:
+        files.write(CONFIG, {**json.loads(pathlib.Path(CONFIG).read_text()), **XVFB,
+                             "pam:service": "vexa-e2e-nologind", "start:timeout": 2})
+        service.start()
+        keeper = Sessions(service, bus)
+        assert keeper.request(username=user, password=PASSWORD, **PROGRAM) == -4
+        wait_line(service.cursor, "startSession: systemd failed, display: 101, expired start session timeout: u")
+        wait_for(lambda: ended(uid, 101), what="the session's processes to end")
+        assert not keeper.listed()
+    finally:
+        pam.unlink()

@@ -1,0 +1,183 @@
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <set>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "common/json_config.h"
+#include "session/redirect_policy.h"
+#include "session/report.h"
+#include "test_support.h"
+
+using namespace Vexa;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::shared_ptr<UserEx> makeUser() {
+    passwd entry{};
+    entry.pw_name = const_cast<char*>("ann");
+    entry.pw_uid = 1000;
+    entry.pw_gid = 100;
+    auto user = std::make_shared<UserEx>(entry, false);
+    user->home = "/home/ann";
+    user->shell = "/bin/bash";
+    user->gecos = "Ann \"Q\" \\ \x01 \xc3\xa9";
+    user->domain = "CORP";
+    user->ntlm = "ann:AB12";
+    user->runtimedir = "/run/user/1000";
+    user->profileMounted = true;
+    user->userLimits[ResourceControl::CpuQuota] = "50%";
+    user->userLimits[ResourceControl::MemoryMax] = "2G";
+    user->userLimits[ResourceControl::TasksMax] = ""; // back to the systemd default: no limit
+    return user;
+}
+
+// Every field differs from its default, so that a key written from the wrong field shows.
+std::unique_ptr<Session> makeSession(std::shared_ptr<UserEx> user) {
+    auto s = std::make_unique<Session>(7, std::move(user), ServiceDefaults{});
+    s->display = 12;
+    s->xauthfile = "/run/vexa/xauth12";
+    s->gusId = "g-1";
+    s->xsessionName = "kde";
+    s->xsessionProg = "/usr/bin/startplasma-x11";
+    s->xsessionArgs = {std::string("a\0b", 3), "--x"};
+    s->dbusAddress = "unix:path=/run/user/1000/bus";
+    s->durationLimit = 1;
+    s->inactivityLimit = 2;
+    s->disconnectLimit = 3;
+    s->seamlessLimit = 4;
+    s->clipboardLimit = 5;
+    s->pid2 = 4242;
+    s->assistance = 17;
+    s->startedTimepoint = Session::SystemTime(std::chrono::nanoseconds(1'700'000'000'999'999'999));
+    s->onlinedTimepoint = Session::SystemTime(std::chrono::seconds(1'700'000'100));
+    // Above the largest pid_max: the slots are taken, no transport runs and none can be signalled.
+    s->transports[1].pid = 0x7FFFFF01;
+    s->transports[1].remoteaddr = "10.0.0.1";
+    s->transports[3].pid = 0x7FFFFF03;
+    s->transports[3].remoteaddr = "10.0.0.3";
+    s->systemdSid = "c5";
+    s->systemdSlice = "user-1000.slice";
+    s->systemdCgroup = "/user.slice/user-1000.slice/session-c5.scope";
+    s->sessionLimits[ResourceControl::NetworkDeny] = "any";
+    s->secTls = true;
+    s->redirectPolicy = redirectMask(RedirectBit::Printer) | redirectMask(RedirectBit::ClipboardClient) |
+                        redirectMask(RedirectBit::Audio);
+    s->policyConnect = ConnectPolicy::MultiAllow;
+    s->disconnectedFreeze = true;
+    s->rdpKeepAliveInterval = 8;
+    s->rdpKeepAliveFailures = 9;
+    s->seamlessMode = true;
+    return s;
+}
+
+const std::string userKeys = R"("home":"/home/ann","runtimedir":"/run/user/1000","gecos":"Ann \"Q\" \\ \u0001 \u00e9",)"
+                             R"("shell":"/bin/bash","username":"ann","domain":"CORP","ntlm":"ann:AB12","uid":1000,)"
+                             R"("gid":100,"profile:mounted":true,"user:sessions":2,)";
+const std::string sessionKeys =
+    R"("xauthfile":"/run/vexa/xauth12","gus:id":"g-1","xsession:name":"kde",)"
+    R"("xsession:prog":"/usr/bin/startplasma-x11","xsession:args":["a\u0000b","--x"],"display":12,)"
+    R"("dbus:address":"unix:path=/run/user/1000/bus","duration:limit":1,"inactivity:limit":2,"disconnect:limit":3,)"
+    R"("seamless:limit":4,"clipboard:limit":5,"pid2":4242,"assistance":17,"started:timepoint":1700000000,)"
+    R"("onlined:timepoint":1700000100,"disconnected:timepoint":0,"remote:connected":false,"systemd:sid":"c5",)"
+    R"("systemd:slice":"user-1000.slice","systemd:cgroup":"/user.slice/user-1000.slice/session-c5.scope",)";
+const std::string userLimits = R"({"scope":"user","cpu:quota":"50%","memory:max":"2G"},)";
+const std::string sessionLimits = R"({"scope":"session","network:deny":"any"})";
+const std::string transports =
+    R"("remote:connects":[{"remoteaddr":"10.0.0.1","pid":2147483393},{"remoteaddr":"10.0.0.3","pid":2147483395}],)";
+const std::string policies =
+    R"("sec:nla":false,"sec:tls":true,"sec:rdp":false,"sec:auth":false,"redirect:printer":true,)"
+    R"("redirect:audio":true,"redirect:microphone":false,"redirect:drive":false,"redirect:smartcard":false,)"
+    R"("redirect:clipboard:server":false,"redirect:clipboard:client":true,"redirect:clipboard:file":false,)"
+    R"("redirect:clipboard:limit":5,"policy:connect":3,"disconnected:freeze":true,"rdp:keepalive:interval":8,)"
+    R"("rdp:keepalive:failures":9,"seamless:mode":true,"login:mode":false)";
+
+// The top-level keys in their documented order.
+const char* const keyOrder =
+    "home runtimedir gecos shell username domain ntlm uid gid profile:mounted user:sessions xauthfile "
+    "gus:id xsession:name xsession:prog xsession:args display dbus:address duration:limit "
+    "inactivity:limit disconnect:limit seamless:limit clipboard:limit pid2 assistance started:timepoint "
+    "onlined:timepoint disconnected:timepoint remote:connected systemd:sid systemd:slice systemd:cgroup "
+    "resource:limits remote:connects depth width height sec:nla sec:tls sec:rdp sec:auth "
+    "redirect:printer redirect:audio redirect:microphone redirect:drive redirect:smartcard "
+    "redirect:clipboard:server redirect:clipboard:client redirect:clipboard:file "
+    "redirect:clipboard:limit policy:connect disconnected:freeze rdp:keepalive:interval "
+    "rdp:keepalive:failures seamless:mode login:mode";
+
+} // namespace
+
+TEST(SessionReport, DocumentHasEveryKeyInOrderWithUserOnlyWhenPresentAndGeometryOnlyWhenGiven) {
+    struct Case {
+        bool withUser;
+        std::optional<DisplayGeometry> geometry;
+        std::string expected;
+    };
+    const Case cases[] = {
+        {true, std::nullopt,
+         "{" + userKeys + sessionKeys + "\"resource:limits\":[" + userLimits + sessionLimits + "]," + transports +
+             policies + "}"},
+        {false, DisplayGeometry{24, 1920, 1080},
+         "{" + sessionKeys + "\"resource:limits\":[" + sessionLimits + "]," + transports +
+             R"("depth":24,"width":1920,"height":1080,)" + policies + "}"},
+    };
+    for (const auto& c : cases) {
+        const auto user = c.withUser ? makeUser() : nullptr; // held here and by the session: two holders
+        const auto text = sessionJson(*makeSession(user), c.geometry);
+        EXPECT_EQ(text, c.expected);
+
+        std::string errors;
+        const auto json = parseJsonStrict(text, &errors);
+        ASSERT_TRUE(json.isObject()) << errors;
+        if (user) {
+            EXPECT_EQ(json["gecos"].asString(), user->gecos);
+        }
+        EXPECT_EQ(json["xsession:args"][0].asString(), std::string("a\0b", 3));
+        std::istringstream order(keyOrder);
+        std::vector<std::string> keys;
+        std::copy_if(std::istream_iterator<std::string>(order), {}, std::back_inserter(keys),
+                     [&json](const auto& key) { return json.isMember(key); });
+        EXPECT_EQ(keys.size(), json.size());
+        size_t at = 0;
+        for (const auto& key : keys) {
+            at = text.find("\"" + key + "\":", at);
+            ASSERT_NE(at, std::string::npos) << key << " out of order";
+        }
+    }
+}
+
+TEST(SessionReport, ProcessesAreTheUsersProcessDirectoriesWithAReadableExecutable) {
+    TestSupport::TempDir proc;
+    const auto process = [&proc](const char* pid, const char* exe) {
+        fs::create_directory(proc.path / pid);
+        if (exe != nullptr) {
+            fs::create_symlink(exe, proc.path / pid / "exe");
+        }
+    };
+    process("120", "/usr/bin/a\"b");
+    process("345", "/usr/bin/c");
+    process("500", nullptr); // a kernel thread: no executable
+    process("sys", "/usr/bin/d");
+    fs::create_directory_symlink(proc.path / "120", proc.path / "self");
+    std::ofstream(proc.path / "77") << "not a process";
+
+    const auto text = userProcessesJson(::getuid(), proc.path);
+    EXPECT_TRUE(TestSupport::contains(text, R"({"pid":120,"cmd":"/usr/bin/a\"b"})")) << text;
+    const auto own = parseJsonStrict(text);
+    ASSERT_TRUE(own.isArray()) << text;
+    std::set<std::pair<int, std::string>> found; // in directory order, which is not fixed
+    for (const auto& entry : own) {
+        found.emplace(entry["pid"].asInt(), entry["cmd"].asString());
+    }
+    EXPECT_EQ(found, (std::set<std::pair<int, std::string>>{{120, "/usr/bin/a\"b"}, {345, "/usr/bin/c"}}));
+
+    EXPECT_EQ(userProcessesJson(::getuid() + 1, proc.path), "[]");
+    std::string missing;
+    const auto log = TestSupport::logged([&] { missing = userProcessesJson(::getuid(), proc.path / "missing"); });
+    EXPECT_EQ(missing, "[]");
+    EXPECT_TRUE(TestSupport::contains(log, "vexaSessionProcess: directory_iterator failed")) << log;
+}
