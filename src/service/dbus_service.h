@@ -30,6 +30,7 @@
 #include "limits/resource_limits.h"
 #include "programs/program_list.h"
 #include "session/child_table.h"
+#include "session/redirect_policy.h"
 #include "session/registry.h"
 #include "session/service_defaults.h"
 #include "session/state.h"
@@ -154,6 +155,12 @@ private:
     // (a match uses it up).
     std::optional<bool> consumeTransportToken(const std::string& user, const std::string& token);
     bool sessionCheckPolicyConnection(const Session& session) const;
+
+    // A policy setter for one session (session >= 0: marks its policies changed) or for every session and
+    // the service default (session < 0) (dbus_redirect.cpp).
+    template <typename SetSession, typename SetDefault>
+    void setSessionPolicy(int32_t session, SetSession&& setSession, SetDefault&& setDefault);
+    void setRedirectPolicy(const char* method, int32_t session, RedirectBit bit, bool enable);
 
     // Runs `work` on a detached thread that the stop sequence waits for.
     void startWorker(std::function<void()> work);

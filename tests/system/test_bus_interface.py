@@ -15,21 +15,15 @@ from conftest import (API_VERSION, BUS_NAME, DECLARED, INTERFACE, OBJECT_PATH, V
 # "<name>: not implemented". Remove a name here when its operation lands.
 NOT_IMPLEMENTED = """
     vexaDisconnect proxyListenStarted proxyClientConnected proxyListenTimeout vexaSendNotify
-    vexaRdpSecurityPolicy vexaSessionGeometry vexaConnectRdpTransport proxySessionConnected
-    vexaDisplayResize vexaSessionDurationLimit vexaSessionInactivityLimit
-    vexaSessionPolicyRedirectPrinter vexaSessionPolicyRedirectAudio
-    vexaSessionPolicyRedirectMicrophone vexaSessionPolicyRedirectClipboard
-    vexaSessionPolicyRedirectClipboardFile vexaSessionPolicyRedirectClipboardLimit
-    vexaSessionPolicyRedirectDrive vexaSessionPolicyRedirectSmartcard vexaSessionPolicyConnect
+    vexaSessionGeometry vexaConnectRdpTransport proxySessionConnected vexaDisplayResize
+    vexaSessionDurationLimit vexaSessionInactivityLimit vexaSessionPolicyConnect
     vexaSessionDisconnectLimit vexaSessionSeamlessLimit vexaTransportDisplayInactivity
-    vexaTransportDisplayInactivityEvent vexaTransportDisplayPolicyRedirect
-    vexaSessionRemoteAssistance vexaTransportDisplayRdpKeepAlive vexaSessionPolicyRdpKeepAlive
-    vexaSessionLimitCpuWeight vexaUserLimitCpuWeight vexaSessionLimitCpuQuota vexaUserLimitCpuQuota
-    vexaSessionLimitMemoryHigh vexaUserLimitMemoryHigh vexaSessionLimitMemoryMax
-    vexaUserLimitMemoryMax vexaSessionLimitTasksMax vexaUserLimitTasksMax
-    vexaSessionDisconnectedFreeze vexaSessionNetworkDeny vexaUserNetworkDeny vexaSessionNetworkAllow
-    vexaUserNetworkAllow vexaTransportDisplayMonitorsChanged vexaUserSessionsCheckTimeouts
-    vexaTransportDisplayShutdown""".split()
+    vexaTransportDisplayInactivityEvent vexaSessionRemoteAssistance vexaSessionLimitCpuWeight
+    vexaUserLimitCpuWeight vexaSessionLimitCpuQuota vexaUserLimitCpuQuota vexaSessionLimitMemoryHigh
+    vexaUserLimitMemoryHigh vexaSessionLimitMemoryMax vexaUserLimitMemoryMax
+    vexaSessionLimitTasksMax vexaUserLimitTasksMax vexaSessionDisconnectedFreeze
+    vexaSessionNetworkDeny vexaUserNetworkDeny vexaSessionNetworkAllow vexaUserNetworkAllow
+    vexaTransportDisplayMonitorsChanged vexaUserSessionsCheckTimeouts vexaTransportDisplayShutdown""".split()
 
 # Run as a test user: calls the daemon, then prints signalVexaStopped when it hears it.
 LISTENER = """

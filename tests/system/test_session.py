@@ -126,8 +126,16 @@ def test_a_request_makes_a_whole_session(sessions, make_user):
     run(["journalctl", "--sync"])
     assert PASSWORD not in run(["journalctl", "-o", "json", f"--after-cursor={sessions.svc.cursor}"]).stdout
 
+    # a policy changed for this session is saved for the user's next session when it ends
+    saved = pathlib.Path(f"/var/lib/vexa/sessions/{uid}.json")
+    sessions.svc.call("vexaSessionPolicyRedirectPrinter", "ib", sid, False)
+    policy = sessions.info(sid)
+    assert not policy["redirect:printer"] and not saved.exists()
+
     assert sessions.svc.value("vexaSessionShutdown", "u", sid)
     sessions.signal("signalSessionShutdown", sid)
+    state = json.loads(wait_for(lambda: saved.exists() and saved.read_text(), what="the saved state"))
+    assert state["redirect:policy"] & 0x4 == 0 and stat.S_IMODE(saved.stat().st_mode) == 0o640
     assert (user, sid) not in sessions.listed()
     wait_for(lambda: ended(uid, display), what="the session's processes to end")
     assert not pathlib.Path(info["xauthfile"]).exists() and not bus_file.exists()
@@ -176,6 +184,7 @@ def test_session_ends_when_its_program_is_killed(sessions, make_user):
     wait_for(lambda: ended(uid, info["display"]), what="the session's processes to end")
     assert not sessions.listed()
     assert not pathlib.Path(info["xauthfile"]).exists()
+    assert not pathlib.Path(f"/var/lib/vexa/sessions/{uid}.json").exists()  # nothing was changed
 
 
 def test_service_stop_ends_live_sessions(sessions, make_user):
