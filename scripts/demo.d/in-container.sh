@@ -1,12 +1,16 @@
 #!/bin/bash
 # The demo's job inside the throwaway container (run by systemd after boot): bring up the system bus and
-# logind, start vexa.service as the installed unit, then run the client. Output goes to /e2e/out/run.log.
+# logind, start vexa.service as the installed unit, then run the client. Output goes to /e2e/out/run.log,
+# the screenshot to /e2e/out/session.png (the host's out/demo/).
 exec >/e2e/out/run.log 2>&1
 here=$(dirname "$(realpath "$0")")
 systemctl start dbus.service systemd-logind.service systemd-user-sessions.service || exit 1
-echo "starting vexa.service (Type=notify: returns once the daemon has said READY=1)"
+echo "== starting vexa.service (Type=notify: returns once the daemon has said READY=1)"
 systemctl start vexa.service || {
     systemctl --no-pager status vexa.service
     exit 1
 }
-/usr/bin/python3 "$here/client.py"
+/usr/bin/python3 "$here/client.py" --out /e2e/out
+status=$?
+chmod a+r /e2e/out/* 2>/dev/null
+exit "$status"

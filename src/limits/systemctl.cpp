@@ -40,7 +40,8 @@ int systemctlSetProperties(const char* caller, const std::string& unit,
                            const std::vector<PropertyAssignment>& assignments) {
     std::list<std::string> args{"set-property", unit};
     for (const auto& [name, value] : assignments) {
-        args.push_back(name + "=" + value);
+        args.push_back(name);
+        args.back().append("=").append(value);
     }
     int status = -1;
     try {

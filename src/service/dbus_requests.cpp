@@ -243,7 +243,7 @@ bool DBusService::vexaTestConnect(const std::string& user, const std::string& do
 sdbus::Struct<int32_t, std::string> DBusService::vexaLoginHelperStart(const std::string& user,
                                                                       const int32_t& transportPid) {
     const sdbus::Struct<int32_t, std::string> failed(-1, std::string());
-    return boundary("vexaLoginHelperStart", failed, [&] {
+    return boundary("vexaLoginHelperStart", failed, [&]() -> sdbus::Struct<int32_t, std::string> {
         info("%s: user: %s, transport pid: %d", "vexaLoginHelperStart", user.c_str(), transportPid);
         StartSessionArgs args;
         args.user = user;
@@ -253,7 +253,7 @@ sdbus::Struct<int32_t, std::string> DBusService::vexaLoginHelperStart(const std:
         args.mode = RunMode::LoginHelper;
         const auto started = startSession(args);
         if (!started.session) {
-            return failed;
+            return {-1, std::string()};
         }
         return sdbus::Struct<int32_t, std::string>(started.session->display, started.session->xauthfile.string());
     });

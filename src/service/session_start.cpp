@@ -297,6 +297,7 @@ std::pair<pid_t, std::future<int>> DBusService::runSessionManager(const Session*
     std::string text = encodePlan(plan);
     const auto envStrings = sessionManagerEnvironment();
     std::vector<const char*> envp;
+    envp.reserve(envStrings.size() + 1);
     for (const auto& entry : envStrings) {
         envp.push_back(entry.c_str());
     }
