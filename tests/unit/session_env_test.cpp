@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <csignal>
+#include <fstream>
 
 #include <gtest/gtest.h>
 
@@ -8,6 +10,7 @@
 #include "common/vexa_error.h"
 #include "session/session.h"
 #include "start/session_command.h"
+#include "test_support.h"
 
 using namespace Vexa;
 
@@ -73,4 +76,35 @@ TEST(SessionCommand, StartsInTheBackgroundAndCanHideItsArguments) {
               std::string::npos)
         << log;
     EXPECT_THROW(runSessionCommand(nullptr, "/bin/true", {}, {}, false), vexa_error);
+}
+
+TEST(SessionTearDown, EndsTheSessionManagerAndRemovesItsFiles) {
+    TestSupport::TempDir dir;
+    passwd entry{};
+    entry.pw_name = const_cast<char*>("alice");
+    auto user = std::make_shared<UserEx>(entry, false);
+    user->runtimedir = dir.path;
+    const pid_t child = fork();
+    if (child == 0) {
+        pause();
+        _exit(0);
+    }
+    ASSERT_GT(child, 0);
+    std::filesystem::path busFile;
+    {
+        Session session(7, user, ServiceDefaults{});
+        session.pid2 = child;
+        session.xauthfile = dir.path / "xauth_101";
+        busFile = session.dbusSessionPath();
+        std::filesystem::create_directories(busFile.parent_path());
+        for (const auto& file : {session.xauthfile, busFile}) {
+            std::ofstream(file) << "x";
+        }
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+    EXPECT_FALSE(std::filesystem::exists(dir.path / "xauth_101"));
+    EXPECT_FALSE(std::filesystem::exists(busFile));
+    EXPECT_EQ(busFile, dir.path / "vexa" / "dbus_session_7");
 }
