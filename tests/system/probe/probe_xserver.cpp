@@ -63,6 +63,8 @@ int start(int argc, char** argv) {
         throw;
     }
     std::printf("%d %s\n", pid, session->xauthfile.c_str());
+    // The server and its authority file now belong to the caller: the record must not remove the file.
+    session->xauthfile.clear();
     return 0;
 }
 
