@@ -101,12 +101,15 @@ class Demo:
     def __init__(self, out, host):
         self.out, self.host = out, host
         self.started = time.time()
+        last = run(["journalctl", "-q", "-o", "json", "-n", "1"]).stdout.strip()
+        self.cursor = json.loads(last)["__CURSOR"] if last else None
         self.t0 = time.monotonic()
         self.results = []
         self.signals = []
         self.password = secrets.token_urlsafe(18)
         self.sid = None
         self.replied = None
+        self.user_made = False  # the demo user is ours: made or reused by this run, its password set
         self.info = {}
         dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
         self.bus = dbus.SystemBus()
@@ -166,6 +169,7 @@ class Demo:
             print(f"  user {USER} exists already (made by an earlier demo run): reusing it")
         print(f"  setting a fresh random password for {USER} (chpasswd)")
         proc = run(["chpasswd"], input=f"{USER}:{self.password}\n")
+        self.user_made = True
         check(proc.returncode == 0, f"chpasswd: {proc.stderr.strip()}")
         print(f"  {USER}: uid {entry.pw_uid}, home {entry.pw_dir}")
 
@@ -283,7 +287,8 @@ class Demo:
         run(["journalctl", "--sync"])
         # the unit's processes, systemd's lines about the unit, and the session manager (the daemon's child in
         # the session's scope)
-        proc = show(["journalctl", "--no-pager", "-o", "short-monotonic", f"--since=@{int(self.started) - 1}",
+        since = f"--after-cursor={self.cursor}" if self.cursor else f"--since=@{int(self.started) - 1}"
+        proc = show(["journalctl", "--no-pager", "-o", "short-monotonic", since,
                      f"_SYSTEMD_UNIT={UNIT}", "+", f"UNIT={UNIT}", "+", "SYSLOG_IDENTIFIER=vexa_session_manager"])
         check(proc.returncode == 0, "journalctl failed")
 
@@ -305,7 +310,7 @@ class Demo:
         self.step("7. stopping the service over the bus", self.stop)
         self.step("8. signals heard", self.signal_list)
         self.step(f"9. journal: {UNIT} and vexa_session_manager", self.journal)
-        if self.host and pwd_exists(USER):
+        if self.host and self.user_made:
             self.step("10. demo user", self.lock_user)
         heading("summary")
         for title, ok in self.results:
@@ -326,14 +331,6 @@ def x_servers(display):
         if argv and os.path.basename(argv[0]) in ("Xorg", "Xvfb") and f":{display}" in argv:
             found[int(entry.name)] = argv
     return found
-
-
-def pwd_exists(name):
-    try:
-        pwd.getpwnam(name)
-        return True
-    except KeyError:
-        return False
 
 
 def grab(env, png):

@@ -172,6 +172,14 @@ def test_reuse_and_two_users(sessions, make_user):
     assert sessions.info(sid)["display"] != sessions.info(other)["display"]
     assert sessions.listed() == {(first, sid), (second, other)}
 
+    # by user name: the first session of that user; an unknown name is answered false
+    assert not sessions.svc.value("busSessionShutdown", "s", "e2e-sess-none")
+    assert sessions.svc.value("busSessionShutdown", "s", first)
+    sessions.signal("signalSessionShutdown", sid)
+    wait_for(lambda: sessions.listed() == {(second, other)}, what="the first user's session to go")
+    assert not sessions.svc.value("vexaSessionShutdown", "u", 255)
+    wait_line(sessions.svc.cursor, "vexaSessionShutdown: session not found: 0x000000ff")
+
 
 def test_session_ends_when_its_program_is_killed(sessions, make_user):
     user = make_user("e2e-sess-kill", PASSWORD)
@@ -213,3 +221,36 @@ def test_logind_never_knowing_the_session_refuses_it(service, bus, files, make_u
         assert not keeper.listed()
     finally:
         pam.unlink()
+
+
+@pytest.fixture
+def login_helper():
+    """A stand-in login helper that the session's user may run."""
+    helper = pathlib.Path("/usr/local/bin/vexa-e2e-login-helper")
+    helper.write_text("#!/bin/sh\nexec sleep 600\n")
+    helper.chmod(0o755)
+    yield helper
+    helper.unlink()
+
+
+def test_login_helper_session(service, bus, files, make_user, login_helper):
+    user = make_user("e2e-sess-login", PASSWORD)
+    uid = pwd.getpwnam(user).pw_uid
+    helper = login_helper
+    files.write(CONFIG, {**json.loads(pathlib.Path(CONFIG).read_text()), **XVFB, "helper:login": str(helper)})
+    service.start()
+    keeper = Sessions(service, bus)
+    # the login screen needs no password: the helper's own session, with the fixed limits of a login session
+    (display, xauthfile), = service.call("vexaLoginHelperStart", "si", user, 4321).get_args_list()
+    sid, = [s for u, s in keeper.listed() if u == user]
+    info = keeper.info(sid)
+    assert (info["display"], info["xauthfile"], info["login:mode"]) == (display, xauthfile, True)
+    assert (info["duration:limit"], info["inactivity:limit"], info["disconnect:limit"]) == (300, 60, 30)
+    assert [argv for argv in processes(uid, "sleep").values()] == [["sleep", "600"]]
+    assert service.value("vexaLoginHelperStarted", "i", 4321) == user
+    assert service.value("vexaLoginHelperStarted", "i", 4322) == ""
+    service.call("vexaLoginHelperAllowConnectForTransportTo", "iis", 4321, 105, "/run/vexa/xauth_105")
+    keeper.signal("signalTransportDisplaySwitchTo", 4321, 105, "/run/vexa/xauth_105")
+    assert service.value("vexaSessionShutdown", "u", sid)
+    keeper.signal("signalSessionShutdown", sid)
+    wait_for(lambda: ended(uid, display), what="the helper's session to end")
