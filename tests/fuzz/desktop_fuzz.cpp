@@ -12,29 +12,12 @@
 #include <unistd.h>
 
 #include "common/json_config.h"
+#include "fuzz_support.h"
 #include "common/logger.h"
 #include "programs/desktop_file.h"
 #include "programs/program_list.h"
 
 namespace fs = std::filesystem;
-
-namespace {
-
-// A directory of our own for the files of one input; removed when the fuzzer exits.
-struct Scratch {
-    Scratch() {
-        std::string name = (fs::temp_directory_path() / "vexa-desktop-fuzz-XXXXXX").string();
-        dir = ::mkdtemp(name.data());
-        fs::create_directory(dir / "applications");
-    }
-    ~Scratch() {
-        std::error_code ec;
-        fs::remove_all(dir, ec);
-    }
-    fs::path dir;
-};
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Vexa::Syslog::setDebugLevel(Vexa::DebugLevel::Silent);
@@ -54,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
 
-    static const Scratch scratch;
+    static const FuzzSupport::Scratch scratch("vexa-desktop-fuzz");
     const auto applications = scratch.dir / "applications";
     const auto programsFile = scratch.dir / "programs.json";
     std::ofstream(applications / "fuzz.desktop", std::ios::binary | std::ios::trunc) << text;

@@ -14,28 +14,11 @@
 #include <json/value.h>
 
 #include "common/json_config.h"
+#include "fuzz_support.h"
 #include "common/logger.h"
 #include "programs/program_list.h"
 
 namespace fs = std::filesystem;
-
-namespace {
-
-// The programs file of one input next to an applications directory that stays empty; removed at exit.
-struct Scratch {
-    Scratch() {
-        std::string name = (fs::temp_directory_path() / "vexa-programs-fuzz-XXXXXX").string();
-        dir = ::mkdtemp(name.data());
-        fs::create_directory(dir / "applications");
-    }
-    ~Scratch() {
-        std::error_code ec;
-        fs::remove_all(dir, ec);
-    }
-    fs::path dir;
-};
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Vexa::Syslog::setDebugLevel(Vexa::DebugLevel::Silent);
@@ -56,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
 
-    static const Scratch scratch;
+    static const FuzzSupport::Scratch scratch("vexa-programs-fuzz");
     const auto file = scratch.dir / "programs.json";
     std::ofstream(file, std::ios::binary | std::ios::trunc) << text;
     Vexa::ProgramList list;
