@@ -23,10 +23,12 @@ say() {
 # ends the session as soon as it is set up; later ones go to the program.
 child=
 pending=
+last=
 signals=0
 # shellcheck disable=SC2317 # called by the traps below
 forward() {
     signals=$((signals + 1))
+    last=$1
     if [ -n "$child" ]; then
         kill -s "$1" "$child" 2>/dev/null
     else
@@ -181,8 +183,18 @@ fi
 # wait also returns when a trapped signal arrives; the program may then still run. A second wait
 # for a program that has ended meanwhile returns its status, or 127 once this shell has already
 # handed that status out.
+#
+# A signal sent to the program right after the fork may reach it before it has become the program:
+# it then still runs this shell's trap, and the signal is lost. So every forwarded signal is sent
+# once more, a moment later, while the program still runs.
 status=
+resend=$pending
 while :; do
+    if [ -n "$resend" ] && kill -0 "$child" 2>/dev/null; then
+        sleep 0.2
+        kill -s "$resend" "$child" 2>/dev/null
+    fi
+    resend=
     seen=$signals
     wait "$child"
     rc=$?
@@ -191,6 +203,7 @@ while :; do
     fi
     status=$rc
     [ "$signals" -ne "$seen" ] || break
+    resend=$last
 done
 
 cleanup

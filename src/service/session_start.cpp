@@ -257,7 +257,9 @@ bool DBusService::launchSession(const SessionPtr& session, const StartSessionArg
     plan.xorgPath = config.getString("xvfb:path", "/usr/bin/Xorg");
     plan.xorgArgs = config.getStringList("xvfb:args");
     plan.xorgSocket = config.getString("xvfb:sock", "/tmp/.X11-unix/X%{display}");
-    plan.onScreenKeyboard = session->loginMode && defaults().loginKeyboard;
+    const auto defs = defaults();
+    plan.onScreenKeyboard = session->loginMode && defs.loginKeyboard;
+    plan.debugLevel = defs.debugLevel;
 
     if (config.getBoolean("mivo:enable")) {
         warning("%s: profile disks are not supported here, user: %s", self, user.name.c_str());

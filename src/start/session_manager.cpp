@@ -67,20 +67,40 @@ void logFailure(const char* call, int err) {
     Syslog::warning("%s: %s failed, error: %s, code: %d", self, call, Utils::errnoText(err).c_str(), err);
 }
 
-// Waits for the child; a stop request while waiting is passed on to it once as SIGTERM.
+// Waits for the child; a stop request while waiting is passed on to it once as SIGTERM. The stop signals and
+// SIGCHLD stay blocked except inside sigsuspend, so a request that comes between the check and the wait
+// still wakes the wait.
 int waitChild(pid_t pid, bool forwardStop) {
-    int status = 0;
+    sigset_t wake;
+    sigset_t previous;
+    sigemptyset(&wake);
+    for (const int sig : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) {
+        sigaddset(&wake, sig);
+    }
+    sigprocmask(SIG_BLOCK, &wake, &previous);
+    sigset_t during = previous;
+    for (const int sig : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) {
+        sigdelset(&during, sig);
+    }
+    int status = -1;
     bool forwarded = false;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) {
-            logFailure("waitpid", errno);
-            return -1;
-        }
+    while (true) {
         if (forwardStop && stopRequested && !forwarded) {
             kill(pid, SIGTERM);
             forwarded = true;
         }
+        const pid_t ended = waitpid(pid, &status, WNOHANG);
+        if (ended == pid) {
+            break;
+        }
+        if (ended < 0 && errno != EINTR) {
+            logFailure("waitpid", errno);
+            status = -1;
+            break;
+        }
+        sigsuspend(&during);
     }
+    sigprocmask(SIG_SETMASK, &previous, nullptr);
     return status;
 }
 
@@ -95,6 +115,7 @@ std::string joinCommand(const SessionManagerPlan& plan) {
 } // namespace
 
 void signalHandlerSessionManager(int sig) {
+    // SIGCHLD only wakes the wait for a child.
     if (sig == SIGTERM || sig == SIGINT || sig == SIGHUP) {
         stopRequested = 1;
     }
@@ -122,6 +143,7 @@ std::string encodePlan(const SessionManagerPlan& plan) {
     json["program"] = plan.program.string();
     json["args"] = listValue(plan.args);
     json["keyboard"] = plan.onScreenKeyboard;
+    json["debug:level"] = plan.debugLevel;
     Json::StreamWriterBuilder writer;
     writer["indentation"] = "";
     // Bytes as they are: the default writer would replace bytes that are not UTF-8 (a password may hold
@@ -154,6 +176,7 @@ SessionManagerPlan decodePlan(std::string_view text) {
     plan.program = string("program");
     plan.args = stringList(json, "args");
     plan.onScreenKeyboard = member(json, "keyboard", &Json::Value::isBool).asBool();
+    plan.debugLevel = string("debug:level");
     if (plan.user.empty() || plan.pamService.empty() || plan.program.empty()) {
         throw vexa_error("decodePlan");
     }

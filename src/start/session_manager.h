@@ -39,6 +39,7 @@ struct SessionManagerPlan {
     std::filesystem::path program;
     std::list<std::string> args;
     bool onScreenKeyboard = false;
+    std::string debugLevel; // the daemon's "debug:level"
 };
 
 // The plan as one JSON text, and back. decodePlan throws vexa_error("decodePlan") on anything but a complete
@@ -53,7 +54,7 @@ std::string pamTtyItem(uint32_t display);
 std::list<std::string> sessionManagerEnvironment(const SessionManagerPlan& plan);
 
 // The whole life of the session manager; returns the process's exit status. The caller has installed
-// signalHandlerSessionManager for SIGTERM, SIGINT and SIGHUP.
+// signalHandlerSessionManager for SIGTERM, SIGINT, SIGHUP and SIGCHLD, and set the plan's debug level.
 int runSessionManagerProcess(SessionManagerPlan plan);
 
 // Records a request to end the session; the session script then receives SIGTERM.

@@ -21,14 +21,21 @@ int main() {
     action.sa_handler = Vexa::signalHandlerSessionManager;
     sigemptyset(&action.sa_mask);
     // No SA_RESTART: a stop request must interrupt the wait for the session script.
-    for (const int sig : {SIGTERM, SIGINT, SIGHUP}) {
+    for (const int sig : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) {
         sigaction(sig, &action, nullptr);
     }
+
+    // SIGCHLD is taken only while waiting for a child, so that it never interrupts anything else.
+    sigset_t childSignal;
+    sigemptyset(&childSignal);
+    sigaddset(&childSignal, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &childSignal, nullptr);
 
     std::string text(std::istreambuf_iterator<char>(std::cin), {});
     try {
         auto plan = Vexa::decodePlan(text);
         explicit_bzero(text.data(), text.size());
+        Vexa::Syslog::setDebugLevel(plan.debugLevel);
         return Vexa::runSessionManagerProcess(std::move(plan));
     } catch (const std::exception& err) {
         explicit_bzero(text.data(), text.size());

@@ -32,13 +32,14 @@ SessionManagerPlan fullPlan() {
             .xorgSocket = "/tmp/.X11-unix/X55",
             .program = "/usr/bin/fly",
             .args = {"-b", "", "-a"},
-            .onScreenKeyboard = true};
+            .onScreenKeyboard = true,
+            .debugLevel = "debug"};
 }
 
 auto fields(const SessionManagerPlan& p) {
     return std::tie(p.sessionId, p.user, p.pamService, p.password, p.display, p.xauthfile, p.runtimeDir,
                     p.dbusSessionFile, p.cookie, p.depth, p.width, p.height, p.xorgPath, p.xorgArgs, p.xorgSocket,
-                    p.program, p.args, p.onScreenKeyboard);
+                    p.program, p.args, p.onScreenKeyboard, p.debugLevel);
 }
 
 } // namespace
