@@ -77,7 +77,7 @@ int waitChild(pid_t pid, bool forwardStop) {
     for (const int sig : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) {
         sigaddset(&wake, sig);
     }
-    sigprocmask(SIG_BLOCK, &wake, &previous);
+    pthread_sigmask(SIG_BLOCK, &wake, &previous);
     sigset_t during = previous;
     for (const int sig : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) {
         sigdelset(&during, sig);
@@ -98,9 +98,9 @@ int waitChild(pid_t pid, bool forwardStop) {
             status = -1;
             break;
         }
-        sigsuspend(&during);
+        sigsuspend(&during); // NOLINT(concurrency-mt-unsafe): the session manager has a single thread
     }
-    sigprocmask(SIG_SETMASK, &previous, nullptr);
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     return status;
 }
 

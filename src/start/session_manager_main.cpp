@@ -29,7 +29,7 @@ int main() {
     sigset_t childSignal;
     sigemptyset(&childSignal);
     sigaddset(&childSignal, SIGCHLD);
-    sigprocmask(SIG_BLOCK, &childSignal, nullptr);
+    pthread_sigmask(SIG_BLOCK, &childSignal, nullptr);
 
     std::string text(std::istreambuf_iterator<char>(std::cin), {});
     try {
