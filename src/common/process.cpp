@@ -465,9 +465,7 @@ bool runChildProcessWait(const std::filesystem::path& path, const std::list<std:
     try {
         const pid_t pid = runChildProcess(path, args, envs, user, logfile);
         Syslog::debug("%s: child started, pid %d", "runChildProcessWait", pid);
-        int status = 0;
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
+        const int status = waitStatus(pid);
         syslogWaitStatus(status, "runChildProcessWait", pid);
         return true;
     } catch (const std::system_error& err) {
@@ -481,6 +479,16 @@ bool runChildProcessWait(const std::filesystem::path& path, const std::list<std:
 std::future<int> runChildProcessBack(const std::filesystem::path& path, const std::list<std::string>& args,
                                      const std::list<std::string>& envs, const char* user, const char* logfile) {
     return waitChildBack(runChildProcess(path, args, envs, user, logfile));
+}
+
+int waitStatus(pid_t pid) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) {
+            return -1;
+        }
+    }
+    return status;
 }
 
 std::future<int> waitChildBack(pid_t pid) {
@@ -553,9 +561,7 @@ std::string runStdoutCommand(const std::filesystem::path& path, const std::list<
         }
     }
     close(out[0]);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    waitStatus(pid);
     if (!result.empty() && result.back() == '\n') {
         result.pop_back();
     }

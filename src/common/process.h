@@ -35,6 +35,10 @@ bool runChildProcessWait(const std::filesystem::path& path, const std::list<std:
 std::future<int> runChildProcessBack(const std::filesystem::path& path, const std::list<std::string>& args,
                                      const std::list<std::string>& envs, const char* user, const char* logfile);
 
+// Waits for a child without time limit, resuming after signals: its raw wait status, -1 when it cannot be
+// waited for.
+int waitStatus(pid_t pid);
+
 // The task that reaps a started child and yields its raw wait status.
 std::future<int> waitChildBack(pid_t pid);
 

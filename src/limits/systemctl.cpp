@@ -1,8 +1,6 @@
 #include "systemctl.h"
 
-#include <cerrno>
 #include <list>
-#include <sys/wait.h>
 
 #include "common/logger.h"
 #include "common/process.h"
@@ -45,9 +43,7 @@ int systemctlSetProperties(const char* caller, const std::string& unit,
     }
     int status = -1;
     try {
-        const pid_t pid = Utils::runChildProcess(systemctlPath, args, {}, nullptr, "/dev/null");
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
+        status = Utils::waitStatus(Utils::runChildProcess(systemctlPath, args, {}, nullptr, "/dev/null"));
     } catch (const std::exception&) {
         status = -1; // already logged by the launcher
     }

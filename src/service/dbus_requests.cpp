@@ -48,8 +48,8 @@ bool DBusService::sessionCheckPolicyConnection(const Session&) const {
     return true;
 }
 
-StartSessionArgs DBusService::defaultSessionArgs(const std::string& user, uint8_t depth, uint16_t width,
-                                                 uint16_t height) const {
+StartSessionArgs DBusService::defaultSessionArgs(const std::string& user, const std::string& pass, uint8_t depth,
+                                                 uint16_t width, uint16_t height) const {
     const auto config = configuration();
     StartSessionArgs args;
     args.user = user;
@@ -60,6 +60,10 @@ StartSessionArgs DBusService::defaultSessionArgs(const std::string& user, uint8_
     args.program = config->getString("session:path", terminalProgram);
     args.args = config->getStringList("session:args");
     args.mode = RunMode::UserSessionRequest;
+    // An empty password is no password: such a request starts nothing.
+    if (!pass.empty()) {
+        args.password = pass;
+    }
     return args;
 }
 
@@ -98,10 +102,7 @@ int32_t DBusService::busSessionRequest(const std::string& user, const std::strin
     return boundary("busSessionRequest", requestFailed, [&] {
         notice("%s: user: %s, depth: %u, width: %u, height: %u", "busSessionRequest", user.c_str(), depth, width,
                height);
-        auto args = defaultSessionArgs(user, depth, width, height);
-        if (!pass.empty()) {
-            args.password = pass;
-        }
+        auto args = defaultSessionArgs(user, pass, depth, width, height);
         return requestAllowedSession(args);
     });
 }
@@ -112,11 +113,8 @@ int32_t DBusService::busSessionDomainRequest(const std::string& user, const std:
     return boundary("busSessionDomainRequest", requestFailed, [&] {
         notice("%s: user: %s, domain: `%s', depth: %u, width: %u, height: %u", "busSessionDomainRequest", user.c_str(),
                domain.c_str(), depth, width, height);
-        auto args = defaultSessionArgs(user, depth, width, height);
+        auto args = defaultSessionArgs(user, pass, depth, width, height);
         args.domain = domain;
-        if (!pass.empty()) {
-            args.password = pass;
-        }
         return requestAllowedSession(args);
     });
 }
@@ -206,15 +204,12 @@ int32_t DBusService::busProgramRequest(const std::string& user, const std::strin
             error("%s: program not registered, name: %s", "busProgramRequest", prog.c_str());
             return programUnknown;
         }
-        auto args = defaultSessionArgs(user, 24, width, height);
+        auto args = defaultSessionArgs(user, pass, 24, width, height);
         args.domain = domain;
         args.program = program->path.string();
         args.args = program->args;
         // A published program is a session of its own kind, reused like any user session of the same name.
         args.mode = RunMode::UserSession;
-        if (!pass.empty()) {
-            args.password = pass;
-        }
         return requestAllowedSession(args);
     });
 }
@@ -222,11 +217,8 @@ int32_t DBusService::busProgramRequest(const std::string& user, const std::strin
 bool DBusService::vexaLogin(const std::string& user, const std::string& domain, const std::string& pass) {
     return boundary("vexaLogin", false, [&] {
         notice("%s: user: %s, domain: `%s'", "vexaLogin", user.c_str(), domain.c_str());
-        auto args = defaultSessionArgs(user, 24, 1280, 1024);
+        auto args = defaultSessionArgs(user, pass, 24, 1280, 1024);
         args.domain = domain;
-        if (!pass.empty()) {
-            args.password = pass;
-        }
         SessionPtr session;
         return requestSession(args, session) == 0;
     });

@@ -136,7 +136,8 @@ private:
     // Steps of the session start (session_start.cpp).
     StartSessionResult startSessionSteps(const StartSessionArgs& args);
     void reuseSession(Session& session, const std::string& xauthGroup);
-    bool launchSession(const SessionPtr& session, const StartSessionArgs& args, const JsonConfig& config);
+    bool launchSession(const SessionPtr& session, const StartSessionArgs& args, const JsonConfig& config,
+                       const ServiceDefaults& defs);
     // Starts the session manager program with the plan on its standard input; its pid and the task that
     // reaps it.
     std::pair<pid_t, std::future<int>> runSessionManager(const Session* session, const SessionManagerPlan& plan);
@@ -150,7 +151,9 @@ private:
     // requestSession, then the proxy is told to let the connection through; the session id or the reply.
     int32_t requestAllowedSession(const StartSessionArgs& args);
     void allowConnection(const Session& session);
-    StartSessionArgs defaultSessionArgs(const std::string& user, uint8_t depth, uint16_t width, uint16_t height) const;
+    // Arguments of the administrative requests: "DefaultSession", the configured or default session program.
+    StartSessionArgs defaultSessionArgs(const std::string& user, const std::string& pass, uint8_t depth, uint16_t width,
+                                        uint16_t height) const;
     // The one-time token of a transport for `user`: nullopt when none is pending, else whether it matched
     // (a match uses it up).
     std::optional<bool> consumeTransportToken(const std::string& user, const std::string& token);

@@ -197,21 +197,21 @@ StartSessionResult DBusService::startSessionSteps(const StartSessionArgs& args) 
         return {session, StartStatus::Success};
     }
 
-    // From here on the session is registered: every refusal takes it out again, and its destructor ends what
-    // was started for it.
-    auto refuse = [this, &session](StartStatus refusal) {
-        sessions.remove(session->sid);
-        return StartSessionResult{nullptr, refusal};
-    };
+    // From here on the session is registered: a refusal takes it out again, and its destructor ends what was
+    // started for it.
+    StartSessionResult result{nullptr, StartStatus::StartFailed};
     try {
-        if (!launchSession(session, args, *config)) {
-            return refuse(StartStatus::StartFailed);
+        if (launchSession(session, args, *config, defs)) {
+            result = waitSessionStarted(session, defs.startTimeout);
         }
-        return waitSessionStarted(session, defs.startTimeout);
     } catch (...) {
         sessions.remove(session->sid);
         throw;
     }
+    if (!result.session) {
+        sessions.remove(session->sid);
+    }
+    return result;
 }
 
 void DBusService::reuseSession(Session& session, const std::string& xauthGroup) {
@@ -223,7 +223,8 @@ void DBusService::reuseSession(Session& session, const std::string& xauthGroup) 
     debug("%s: ref count user session id: %u", self, static_cast<unsigned>(session.user.use_count()));
 }
 
-bool DBusService::launchSession(const SessionPtr& session, const StartSessionArgs& args, const JsonConfig& config) {
+bool DBusService::launchSession(const SessionPtr& session, const StartSessionArgs& args, const JsonConfig& config,
+                                const ServiceDefaults& defs) {
     const auto& user = *session->user;
     const auto display = static_cast<uint32_t>(session->display);
 
@@ -257,7 +258,6 @@ bool DBusService::launchSession(const SessionPtr& session, const StartSessionArg
     plan.xorgPath = config.getString("xvfb:path", "/usr/bin/Xorg");
     plan.xorgArgs = config.getStringList("xvfb:args");
     plan.xorgSocket = config.getString("xvfb:sock", "/tmp/.X11-unix/X%{display}");
-    const auto defs = defaults();
     plan.onScreenKeyboard = session->loginMode && defs.loginKeyboard;
     plan.debugLevel = defs.debugLevel;
 
@@ -362,12 +362,10 @@ StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, ui
         if (res != -ENODATA) {
             error("%s: %s failed, error: %s, code: %d", self, "sd_pid_get_session", Utils::errnoText(-res).c_str(),
                   -res);
-            sessions.remove(session->sid);
             return {nullptr, StartStatus::StartFailed};
         }
         if (std::chrono::steady_clock::now() - begin > std::chrono::seconds(startTimeout)) {
             error("%s: systemd failed, display: %u, expired start session timeout: u", self, display);
-            sessions.remove(session->sid);
             return {nullptr, StartStatus::StartFailed};
         }
         std::this_thread::sleep_for(50ms);
@@ -375,36 +373,30 @@ StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, ui
 
     const std::string sidText(sid.get());
     const int number = std::stoi(sidText);
-    CText slice;
-    CText cgroup;
-    {
+    // The slice and the cgroup only warn when logind cannot tell them.
+    const auto query = [pid2](int (*get)(pid_t, char**), const char* call) {
         char* text = nullptr;
-        if (const int res = sd_pid_get_slice(pid2, &text); res < 0) {
-            warning("%s: %s failed, error: %s, code: %d", self, "sd_pid_get_user_slice", Utils::errnoText(-res).c_str(),
-                    -res);
-        } else {
-            slice.reset(text);
+        if (const int res = get(pid2, &text); res < 0) {
+            warning("%s: %s failed, error: %s, code: %d", self, call, Utils::errnoText(-res).c_str(), -res);
+            return std::string();
         }
-        text = nullptr;
-        if (const int res = sd_pid_get_cgroup(pid2, &text); res < 0) {
-            warning("%s: %s failed, error: %s, code: %d", self, "sd_pid_get_cgroup", Utils::errnoText(-res).c_str(),
-                    -res);
-        } else {
-            cgroup.reset(text);
-        }
-    }
+        const CText owned(text);
+        return std::string(owned.get());
+    };
+    const auto slice = query(sd_pid_get_slice, "sd_pid_get_user_slice");
+    const auto cgroup = query(sd_pid_get_cgroup, "sd_pid_get_cgroup");
     sessions.locked([&](SessionRegistry::Map&) {
         session->systemdSid = sidText;
         session->systemdSessionNumber = static_cast<uint32_t>(number);
-        session->systemdSlice = slice ? slice.get() : "";
-        session->systemdCgroup = cgroup ? cgroup.get() : "";
+        session->systemdSlice = slice;
+        session->systemdCgroup = cgroup;
     });
     notice("%s: session id: %u, display: %u", self, static_cast<uint32_t>(number), display);
-    if (slice) {
-        info("%s: session id: %u, display: %u, systemd user slice: %s", self, session->sid, display, slice.get());
+    if (!slice.empty()) {
+        info("%s: session id: %u, display: %u, systemd user slice: %s", self, session->sid, display, slice.c_str());
     }
-    if (cgroup) {
-        info("%s: session id: %u, display: %u, systemd cgroup: %s", self, session->sid, display, cgroup.get());
+    if (!cgroup.empty()) {
+        info("%s: session id: %u, display: %u, systemd cgroup: %s", self, session->sid, display, cgroup.c_str());
     }
 
     auditUserMessage(display, "", auditUserLogin, "VEXA:SessionLogin", session->user->name, true);

@@ -1,5 +1,6 @@
 #include "profile.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
@@ -41,11 +42,6 @@ bool holdsPath(const fs::path& proc, const fs::path& path) {
     return false;
 }
 
-void sleepFor(std::chrono::milliseconds duration) {
-    // A signal only shortens the pause between two checks.
-    std::this_thread::sleep_for(duration);
-}
-
 } // namespace
 
 std::vector<pid_t> profileLockedPIDs(const fs::path& path, uid_t uid) {
@@ -73,7 +69,7 @@ void startProfileCloseJob(const fs::path& path, uid_t uid) {
         Syslog::debug("%s: busy, started job, path: `%s'", "ProfileClose", path.c_str());
         bool released = false;
         for (int check = 0; check < 8 && !released; ++check) {
-            sleepFor(550ms);
+            std::this_thread::sleep_for(550ms);
             released = profileLockedPIDs(path, uid).empty();
         }
         if (!released) {
@@ -81,7 +77,7 @@ void startProfileCloseJob(const fs::path& path, uid_t uid) {
                 Syslog::debug("%s: path: `%s', kill pid: %d", "ProfileClose", path.c_str(), pid);
                 kill(pid, SIGTERM);
             }
-            sleepFor(150ms);
+            std::this_thread::sleep_for(150ms);
         }
         if (umount(path.c_str()) != 0) {
             const int err = errno;

@@ -28,12 +28,12 @@ Session::~Session() {
         Syslog::debug("kill %s, pid: %d", "xsession", pid2);
         kill(pid2, SIGTERM);
     }
+    // Files that are not there are no error.
     std::error_code ec;
-    if (!xauthfile.empty() && std::filesystem::exists(xauthfile, ec)) {
-        std::filesystem::remove(xauthfile, ec);
-    }
-    if (const auto busFile = dbusSessionPath(); !busFile.empty() && std::filesystem::exists(busFile, ec)) {
-        std::filesystem::remove(busFile, ec);
+    for (const auto& file : {xauthfile, dbusSessionPath()}) {
+        if (!file.empty()) {
+            std::filesystem::remove(file, ec);
+        }
     }
     if (user && user.use_count() == 1 && user->profileMounted && umount(user->profileMountPoint.c_str()) != 0) {
         startProfileCloseJob(user->profileMountPoint, static_cast<uid_t>(user->uid));
