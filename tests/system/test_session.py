@@ -73,22 +73,41 @@ class Sessions:
 
 
 @pytest.fixture
-def sessions(service, bus, files):
-    files.write(CONFIG, {**json.loads(pathlib.Path(CONFIG).read_text()), **XVFB, "debug:level": "debug"})
-    service.start()
-    keeper = Sessions(service, bus)
-    yield keeper
-    for match in keeper.matches:
-        match.remove()
+def daemon(service, bus, files):
+    """daemon(**keys) starts the service with Xvfb sessions and the given configuration keys."""
+    started = []
+
+    def start(**keys):
+        files.write(CONFIG, {**json.loads(pathlib.Path(CONFIG).read_text()), **XVFB, "debug:level": "debug", **keys})
+        service.start()
+        started.append(Sessions(service, bus))
+        return started[-1]
+
+    yield start
+    for keeper in started:
+        for match in keeper.matches:
+            match.remove()
+
+
+@pytest.fixture
+def sessions(daemon):
+    return daemon()
+
+
+@pytest.fixture
+def new_user(make_user):
+    """(name, uid) of a fresh account with the test password."""
+    def make(name):
+        return name, pwd.getpwnam(make_user(name, PASSWORD)).pw_uid
+    return make
 
 
 def ended(uid, display):
     return not processes(uid) and not x_servers(display)
 
 
-def test_a_request_makes_a_whole_session(sessions, make_user):
-    user = make_user("e2e-sess-full", PASSWORD)
-    uid = pwd.getpwnam(user).pw_uid
+def test_a_request_makes_a_whole_session(sessions, new_user):
+    user, uid = new_user("e2e-sess-full")
     sid = sessions.request(username=user, password=PASSWORD, width=1024, height=768, **PROGRAM)
     assert sid > 0
     sessions.signal("signalSessionCreated", sid)
@@ -142,9 +161,8 @@ def test_a_request_makes_a_whole_session(sessions, make_user):
     assert sessions.info(sid) == {}
 
 
-def test_refused_requests_start_nothing(sessions, make_user):
-    user = make_user("e2e-sess-bad", PASSWORD)
-    uid = pwd.getpwnam(user).pw_uid
+def test_refused_requests_start_nothing(sessions, new_user):
+    user, uid = new_user("e2e-sess-bad")
     cases = [
         ({"password": "Wrong-e2e-9x"}, -4, "runSessionManager: pam checkAuthenticate failed"),
         ({}, -4, f"startSession: no password and no accepted transport token, user: {user}"),
@@ -161,8 +179,8 @@ def test_refused_requests_start_nothing(sessions, make_user):
     wait_for(lambda: not processes(uid) and not x_servers(101) and not x_servers(102), what="nothing left")
 
 
-def test_reuse_and_two_users(sessions, make_user):
-    first, second = make_user("e2e-sess-one", PASSWORD), make_user("e2e-sess-two", PASSWORD)
+def test_reuse_and_two_users(sessions, new_user):
+    (first, _), (second, _) = new_user("e2e-sess-one"), new_user("e2e-sess-two")
     sid = sessions.request(username=first, password=PASSWORD, **PROGRAM)
     assert sessions.request(username=first, password=PASSWORD, **PROGRAM) == sid
     # the running session goes only to someone who knows the password
@@ -181,42 +199,34 @@ def test_reuse_and_two_users(sessions, make_user):
     wait_line(sessions.svc.cursor, "vexaSessionShutdown: session not found: 0x000000ff")
 
 
-def test_session_ends_when_its_program_is_killed(sessions, make_user):
-    user = make_user("e2e-sess-kill", PASSWORD)
-    uid = pwd.getpwnam(user).pw_uid
+def test_session_ends_when_its_program_is_killed_or_the_service_stops(sessions, new_user):
+    user, uid = new_user("e2e-sess-kill")
+    other, other_uid = new_user("e2e-sess-stop")
     sid = sessions.request(username=user, password=PASSWORD, **PROGRAM)
     info = sessions.info(sid)
+    other_sid = sessions.request(username=other, password=PASSWORD, **PROGRAM)
+    live = sessions.info(other_sid)
     (pid, _), = processes(uid, "sleep").items()
     os.kill(pid, signal.SIGKILL)
     sessions.signal("signalSessionShutdown", sid)
     wait_for(lambda: ended(uid, info["display"]), what="the session's processes to end")
-    assert not sessions.listed()
+    assert sessions.listed() == {(other, other_sid)}
     assert not pathlib.Path(info["xauthfile"]).exists()
     assert not pathlib.Path(f"/var/lib/vexa/sessions/{uid}.json").exists()  # nothing was changed
-
-
-def test_service_stop_ends_live_sessions(sessions, make_user):
-    user = make_user("e2e-sess-stop", PASSWORD)
-    uid = pwd.getpwnam(user).pw_uid
-    sid = sessions.request(username=user, password=PASSWORD, **PROGRAM)
-    display = sessions.info(sid)["display"]
+    # the service stopping with a live session leaves nothing of it behind
     sessions.svc.stop()
-    wait_for(lambda: ended(uid, display), what="the session's processes to end")
+    wait_for(lambda: ended(other_uid, live["display"]), what="the live session's processes to end")
 
 
-def test_logind_never_knowing_the_session_refuses_it(service, bus, files, make_user):
-    user = make_user("e2e-sess-nologind", PASSWORD)
-    uid = pwd.getpwnam(user).pw_uid
+def test_logind_never_knowing_the_session_refuses_it(daemon, new_user):
+    user, uid = new_user("e2e-sess-nologind")
     pam = pathlib.Path("/etc/pam.d/vexa-e2e-nologind")
     pam.write_text("auth required pam_unix.so nodelay\naccount required pam_unix.so\n"
                    "session required pam_unix.so\n")
     try:
-        files.write(CONFIG, {**json.loads(pathlib.Path(CONFIG).read_text()), **XVFB,
-                             "pam:service": "vexa-e2e-nologind", "start:timeout": 2})
-        service.start()
-        keeper = Sessions(service, bus)
+        keeper = daemon(**{"pam:service": "vexa-e2e-nologind", "start:timeout": 2})
         assert keeper.request(username=user, password=PASSWORD, **PROGRAM) == -4
-        wait_line(service.cursor, "startSession: systemd failed, display: 101, expired start session timeout: u")
+        wait_line(keeper.svc.cursor, "startSession: systemd failed, display: 101, expired start session timeout: u")
         wait_for(lambda: ended(uid, 101), what="the session's processes to end")
         assert not keeper.listed()
     finally:
@@ -233,13 +243,10 @@ def login_helper():
     helper.unlink()
 
 
-def test_login_helper_session(service, bus, files, make_user, login_helper):
-    user = make_user("e2e-sess-login", PASSWORD)
-    uid = pwd.getpwnam(user).pw_uid
-    helper = login_helper
-    files.write(CONFIG, {**json.loads(pathlib.Path(CONFIG).read_text()), **XVFB, "helper:login": str(helper)})
-    service.start()
-    keeper = Sessions(service, bus)
+def test_login_helper_session(daemon, new_user, login_helper):
+    user, uid = new_user("e2e-sess-login")
+    keeper = daemon(**{"helper:login": str(login_helper)})
+    service = keeper.svc
     # the login screen needs no password: the helper's own session, with the fixed limits of a login session
     (display, xauthfile), = service.call("vexaLoginHelperStart", "si", user, 4321).get_args_list()
     sid, = [s for u, s in keeper.listed() if u == user]
