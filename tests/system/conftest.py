@@ -6,7 +6,6 @@ import pathlib
 import subprocess
 import time
 import uuid
-import xml.etree.ElementTree as ET
 
 import dbus
 import dbus.lowlevel
@@ -30,24 +29,8 @@ LIMITS = "/etc/vexa/limits.json"
 PID_FILE = "/run/vexa/vexa_service.pid"
 VERSION = "VEXA SERVICE v.2.1.5 build(202507220750)"
 API_VERSION = 20240620
-# PRIORITY and CODE_LINE (in src/common/logger.h) of the daemon's lines, per level
-LEVELS = {"error": ("3", "124"), "warning": ("4", "107"), "notice": ("5", "90"),
-          "info": ("6", "69"), "debug": ("7", "53")}
-# test users and their supplementary groups (useradd arguments)
-USERS = {"e2e-plain": [], "e2e-member": ["-G", "vexa"], "e2e-admin": ["-G", "vexa-admin"]}
-
-
-def interface_members(xml_text):
-    """{interface: {(kind, name): [(arg name, type, direction)]}} of an introspection document."""
-    return {i.get("name"): {
-        (m.tag, m.get("name")): [(a.get("name"), a.get("type"),
-                                  a.get("direction", "out" if m.tag == "signal" else "in"))
-                                 for a in m.findall("arg")]
-        for m in i if m.tag in ("method", "signal", "property")}
-        for i in ET.fromstring(xml_text).findall("interface")}
-
-
-DECLARED = interface_members((SRC_DIR / "src/dbus/ru.kelvo.vexa.xml").read_text())[INTERFACE]
+# the daemon's levels, at their syslog priorities
+LEVELS = ["emerg", "alert", "crit", "error", "warning", "notice", "info", "debug"]
 
 
 def pump():
@@ -81,9 +64,8 @@ def cursor():
 
 
 def journal(after, pid=None, message=None, idents=("vexa_service",)):
-    """The daemon's entries after a cursor, optionally of one process and with one exact text
-    (filtered here: journalctl finds nothing after a cursor whose entry fails its filter).
-    The session managers log as "vexa_session_manager"."""
+    """The entries of the daemon (or of `idents`) after a cursor, optionally of one process and with one exact
+    text (filtered here: journalctl finds nothing after a cursor whose entry fails its filter)."""
     run(["journalctl", "--sync"])
     out = run(["journalctl", "-q", "-o", "json", f"--after-cursor={after}"]).stdout
     return [e for e in map(json.loads, out.splitlines())
@@ -96,9 +78,9 @@ def wait_line(after, message, pid=None):
 
 
 def assert_level(entry, level):
-    fields = [entry.get(k) for k in ("PRIORITY", "CODE_FILE", "CODE_LINE", "CODE_FUNC")]
-    priority, line = LEVELS[level]
-    assert fields == [priority, "src/common/logger.h", line, level], entry["MESSAGE"]
+    """Logged through the daemon's logger (whose functions are named after the levels) at that level."""
+    fields = [entry.get(k) for k in ("PRIORITY", "CODE_FILE", "CODE_FUNC")]
+    assert fields == [str(LEVELS.index(level)), "src/common/logger.h", level], entry["MESSAGE"]
 
 
 class Service:
@@ -139,31 +121,31 @@ class Service:
 
 
 class Files:
-    """Writes the daemon's files, each with a modification time of its own, and puts them back."""
+    """Writes files (text, bytes or JSON), each with a modification time of its own; puts back what was there."""
 
     def __init__(self):
         self.saved, self.mtime = {}, int(time.time())
 
     def write(self, path, content):
         path = pathlib.Path(path)
-        self.saved.setdefault(path, path.read_bytes())
+        self.saved.setdefault(path, path.read_bytes() if path.exists() else None)
         tmp = path.with_name(path.name + ".new")
-        tmp.write_text(content if isinstance(content, str) else json.dumps(content))
+        tmp.write_bytes(content if isinstance(content, bytes) else
+                        (content if isinstance(content, str) else json.dumps(content)).encode())
         self.mtime += 10
         os.utime(tmp, (self.mtime, self.mtime))
         os.rename(tmp, path)  # so the watcher never sees new content with an old time
 
     def restore(self):
         for path, data in self.saved.items():
-            path.write_bytes(data)
+            path.unlink() if data is None else path.write_bytes(data)
 
 
 @pytest.fixture(scope="session")
 def bus():
     conn = dbus.SystemBus()
     # systemd announces unit changes only to subscribers
-    conn.call_blocking(SYSTEMD, "/org/freedesktop/systemd1", f"{SYSTEMD}.Manager", "Subscribe",
-                       "", [])
+    conn.call_blocking(SYSTEMD, "/org/freedesktop/systemd1", f"{SYSTEMD}.Manager", "Subscribe", "", [])
     return conn
 
 
@@ -176,8 +158,7 @@ def unit_states(bus):
         if "ActiveState" in props and states[-1:] != [props["ActiveState"]]:
             states.append(str(props["ActiveState"]))
 
-    match = bus.add_signal_receiver(changed, "PropertiesChanged",
-                                    "org.freedesktop.DBus.Properties", path=UNIT_PATH)
+    match = bus.add_signal_receiver(changed, "PropertiesChanged", "org.freedesktop.DBus.Properties", path=UNIT_PATH)
     yield states
     match.remove()
 
@@ -202,13 +183,6 @@ def service(bus, files):
 def running(service):
     service.start()
     return service
-
-
-@pytest.fixture(scope="session")
-def users():
-    for user, groups in USERS.items():
-        run(["useradd", "--no-create-home", "--user-group", *groups, user])
-    return list(USERS)
 
 
 @pytest.fixture

@@ -3,43 +3,37 @@
 #include <gtest/gtest.h>
 
 #include "auth/admission.h"
-#include "common/logger.h"
 #include "test_support.h"
 
 using namespace Vexa;
+using TestSupport::contains;
 using TestSupport::logged;
 
 namespace {
 
-// Accounts, groups and shadow entries of a made-up system.
-struct FakeSystem {
-    std::map<std::string, std::string> shells{{"alice", "/bin/bash"}, {"bob", "/bin/bash"}, {"carol", "/bin/false"}};
-    std::map<std::string, std::list<std::string>> groups{{"staff", {"bob"}}, {"rdp", {"alice", "carol"}}};
-    std::map<std::string, spwd> shadows;
-    bool connectAllowed = true;
-
-    AdmissionLookups lookups() {
-        AdmissionLookups l;
-        l.user = [this](const std::string& name) -> std::unique_ptr<UserInfo> {
-            if (!shells.count(name)) {
-                return nullptr;
-            }
-            passwd entry{};
-            entry.pw_name = const_cast<char*>(name.c_str());
-            entry.pw_shell = const_cast<char*>(shells.at(name).c_str());
-            return std::make_unique<UserInfo>(entry, false);
-        };
-        l.shadow = [this](const std::string& name) {
-            return shadows.count(name) ? std::make_unique<ShadowInfo>(shadows.at(name)) : nullptr;
-        };
-        l.groupMembers = [this](const std::string& name) {
-            return groups.count(name) ? groups.at(name) : std::list<std::string>{};
-        };
-        l.shellAllowed = [](const std::string& shell) { return shell == "/bin/bash"; };
-        l.connectAllowed = [this](uint32_t) { return connectAllowed; };
-        return l;
-    }
-};
+// A made-up system: carol's shell is not in the shells file; only alice has a shadow entry, when one is given.
+AdmissionLookups lookups(bool connectAllowed = true, std::optional<spwd> shadow = std::nullopt) {
+    static const std::map<std::string, std::list<std::string>> groups{{"staff", {"bob"}}, {"rdp", {"alice", "carol"}}};
+    AdmissionLookups l;
+    l.user = [](const std::string& name) -> std::unique_ptr<UserInfo> {
+        if (name != "alice" && name != "bob" && name != "carol") {
+            return nullptr;
+        }
+        auto user = std::make_unique<UserInfo>(passwd{}, false);
+        user->name = name;
+        user->shell = name == "carol" ? "/bin/false" : "/bin/bash";
+        return user;
+    };
+    l.shadow = [shadow](const std::string& name) {
+        return shadow && name == "alice" ? std::make_unique<ShadowInfo>(*shadow) : nullptr;
+    };
+    l.groupMembers = [](const std::string& name) {
+        return groups.count(name) ? groups.at(name) : std::list<std::string>{};
+    };
+    l.shellAllowed = [](const std::string& shell) { return shell == "/bin/bash"; };
+    l.connectAllowed = [connectAllowed](uint32_t) { return connectAllowed; };
+    return l;
+}
 
 const std::vector<RegisteredSession> aliceRunning{{7, "alice", "DefaultSession", 101}};
 
@@ -47,112 +41,58 @@ const std::vector<RegisteredSession> aliceRunning{{7, "alice", "DefaultSession",
 
 TEST(Admission, StepsRefuseOrAdmitInTheirOrder) {
     struct Case {
-        const char* what;
-        AdmissionRequest request;
-        std::vector<RegisteredSession> sessions;
+        const char* user;
+        const char* sessionName;
         AdmissionPolicy policy;
         StartStatus status;
         const char* message; // a text the decision must log ("" for none in particular)
+        RunMode mode = RunMode::UserSessionRequest;
+        uint32_t reuse = 0;
     };
     using S = StartStatus;
     using Groups = std::vector<std::string>;
-    const std::vector<Case> cases = {
-        {"unknown account",
-         {"nobody-here", "DefaultSession"},
-         {},
-         {},
-         S::UserNotFound,
-         "startSession: user not found: `nobody-here'"},
-        {"shell missing from the shells file only warns",
-         {"carol", "DefaultSession"},
-         {},
+    const std::string self = "startSession: ";
+    const Case cases[] = {
+        {"alice",
+         "DefaultSession",
          {},
          S::Success,
-         "startSession: user shell not present in /etc/shells, user: carol, shell: `/bin/false'"},
-        {"sessions limit reached",
-         {"bob", "DefaultSession"},
-         aliceRunning,
-         {.sessionsLimit = -1},
-         S::FullHouse,
-         "startSession: sessions full house, limit: 1"},
-        {"sessions limit 0 refuses everything",
-         {"bob", "DefaultSession"},
-         {},
-         {.sessionsLimit = 0},
-         S::FullHouse,
-         "sessions full house, limit: 0"},
-        {"the requester counts for the users limit",
-         {"alice", "Other"},
-         aliceRunning,
-         {.usersLimit = 1},
-         S::FullHouse,
-         "startSession: users full house, limit: 1"},
-        {"the users limit set over D-Bus wins",
-         {"bob", "DefaultSession"},
-         aliceRunning,
-         {.usersLimit = 1, .apiUsersLimit = 2},
-         S::Success,
-         ""},
-        {"empty allowed groups disable logins",
-         {"alice", "DefaultSession"},
-         {},
-         {.groupsAllow = Groups{}},
-         S::NotAllowed,
-         "startSession: logins disabled, user: alice"},
-        {"member of a later allowed group",
-         {"alice", "DefaultSession"},
-         {},
-         {.groupsAllow = Groups{"missing-group", "staff", "rdp"}},
-         S::Success,
-         ""},
-        {"member of no allowed group",
-         {"bob", "DefaultSession"},
-         {},
+         "session found, session id: 7, display: 101",
+         RunMode::UserSession,
+         7},
+        {"nobody-here", "DefaultSession", {}, S::UserNotFound, "user not found: `nobody-here'"},
+        {"carol", "Other", {}, S::Success, "user shell not present in /etc/shells, user: carol, shell: `/bin/false'"},
+        {"bob", "DefaultSession", {.sessionsLimit = -1}, S::FullHouse, "sessions full house, limit: 1"},
+        // The requester counts, also with a session of its own; the limit set over D-Bus wins.
+        {"alice", "Other", {.usersLimit = 1}, S::FullHouse, "users full house, limit: 1"},
+        {"bob", "DefaultSession", {.usersLimit = 1, .apiUsersLimit = 2}, S::Success, ""},
+        {"alice", "Other", {.groupsAllow = Groups{}}, S::NotAllowed, "logins disabled, user: alice"},
+        {"alice", "Other", {.groupsAllow = Groups{"missing-group", "staff", "rdp"}}, S::Success, ""},
+        {"bob",
+         "DefaultSession",
          {.groupsAllow = Groups{"rdp"}},
          S::NotAllowed,
-         "startSession: user is not allowed, user: bob, shell: `/bin/bash'"},
-        {"the login helper is not limited",
-         {"bob", "LoginSession", RunMode::LoginHelper},
-         aliceRunning,
-         {.sessionsLimit = 0},
-         S::Success,
-         ""},
-        {"but its user must be in an allowed group",
-         {"bob", "LoginSession", RunMode::LoginHelper},
-         {},
+         "user is not allowed, user: bob, shell: `/bin/bash'"},
+        // The login helper reuses nothing and is not limited, but its user must be in an allowed group.
+        {"alice", "DefaultSession", {.sessionsLimit = 0}, S::Success, "", RunMode::LoginHelper},
+        {"bob",
+         "LoginSession",
          {.groupsAllow = Groups{"rdp"}},
          S::NotAllowed,
-         "user is not allowed"},
+         "user is not allowed",
+         RunMode::LoginHelper},
     };
-    FakeSystem system;
     for (const auto& c : cases) {
         AdmissionResult result;
-        const auto log = logged([&] { result = admitAccount(c.request, c.sessions, c.policy, system.lookups()); });
-        EXPECT_EQ(result.status, c.status) << c.what;
-        EXPECT_NE(log.find(c.message), std::string::npos) << c.what << ":\n" << log;
-        EXPECT_EQ(result.user != nullptr, c.status == S::Success) << c.what;
-        EXPECT_FALSE(result.reuse) << c.what;
+        const auto log = logged([&] {
+            result = admitAccount({c.user, c.sessionName, c.mode}, aliceRunning, c.policy, lookups());
+        });
+        EXPECT_EQ(result.status, c.status) << c.message;
+        EXPECT_TRUE(contains(log, *c.message ? self + c.message : "")) << c.message << ":\n" << log;
+        EXPECT_EQ(result.reuse.value_or(0), c.reuse) << c.message;
+        EXPECT_EQ(result.user != nullptr, c.status == S::Success && !c.reuse) << c.message;
     }
-}
-
-TEST(Admission, RunningSessionOfTheSameUserAndNameIsReusedUnlessThePolicyRefuses) {
-    FakeSystem system;
-    const AdmissionRequest request{"alice", "DefaultSession", RunMode::UserSession};
-    AdmissionResult result;
-    const auto log = logged([&] { result = admitAccount(request, aliceRunning, AdmissionPolicy{}, system.lookups()); });
-    EXPECT_EQ(result.status, StartStatus::Success);
-    EXPECT_EQ(result.reuse, 7u);
-    EXPECT_NE(log.find("startSession: session found, session id: 7, display: 101"), std::string::npos) << log;
-
-    system.connectAllowed = false;
-    EXPECT_EQ(admitAccount(request, aliceRunning, AdmissionPolicy{}, system.lookups()).status,
-              StartStatus::PolicyRefused);
-
-    // Another session name, or the login helper's mode, starts a new session.
-    EXPECT_FALSE(admitAccount({"alice", "Other"}, aliceRunning, AdmissionPolicy{}, system.lookups()).reuse);
-    EXPECT_FALSE(admitAccount({"alice", "DefaultSession", RunMode::LoginHelper}, aliceRunning, AdmissionPolicy{},
-                              system.lookups())
-                     .reuse);
+    EXPECT_EQ(admitAccount({"alice", "DefaultSession"}, aliceRunning, {}, lookups(false)).status, S::PolicyRefused);
 }
 
 TEST(Admission, ShadowPolicyRefusesByTheFirstRuleThatMatchesToday) {
@@ -174,27 +114,17 @@ TEST(Admission, ShadowPolicyRefusesByTheFirstRuleThatMatchesToday) {
         {19999, -1, -1, 0, S::Success, ""},
     };
     for (const auto& c : cases) {
-        FakeSystem system;
-        spwd entry{};
-        entry.sp_namp = const_cast<char*>("alice");
-        entry.sp_lstchg = c.lastChange;
-        entry.sp_max = c.maxDays;
-        entry.sp_inact = c.inactDays;
-        entry.sp_expire = c.expireDay;
-        system.shadows["alice"] = entry;
+        const spwd entry{
+            .sp_lstchg = c.lastChange, .sp_max = c.maxDays, .sp_inact = c.inactDays, .sp_expire = c.expireDay};
         StartStatus status{};
-        const auto log = logged([&] { status = checkShadowPolicy("alice", system.lookups(), today); });
+        const auto log = logged([&] { status = checkShadowPolicy("alice", lookups(true, entry), today); });
         EXPECT_EQ(status, c.status) << c.lastChange << '/' << c.maxDays << '/' << c.expireDay;
-        if (c.status != S::Success) {
-            const std::string expected =
-                std::string("startSession: ShadowInfo failed, user: `alice', error: `") + c.reason + "'";
-            EXPECT_NE(log.find(expected), std::string::npos) << log;
-        }
+        const auto refusal = std::string("startSession: ShadowInfo failed, user: `alice', error: `") + c.reason + "'";
+        EXPECT_EQ(contains(log, c.status == S::Success ? "ShadowInfo failed" : refusal), c.status != S::Success) << log;
     }
     // No shadow entry: admitted, with the error logged.
-    FakeSystem system;
     StartStatus status{};
-    const auto log = logged([&] { status = checkShadowPolicy("alice", system.lookups(), today); });
+    const auto log = logged([&] { status = checkShadowPolicy("alice", lookups(), today); });
     EXPECT_EQ(status, StartStatus::Success);
-    EXPECT_NE(log.find("startSession: ShadowInfo failed, user: `alice', error: `unknown'"), std::string::npos);
+    EXPECT_TRUE(contains(log, "startSession: ShadowInfo failed, user: `alice', error: `unknown'")) << log;
 }

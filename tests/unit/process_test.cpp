@@ -22,42 +22,25 @@ using namespace Vexa;
 using namespace TestSupport;
 namespace fs = std::filesystem;
 
-namespace {
-
-std::vector<std::string> texts(const std::vector<const char*>& vec) {
-    std::vector<std::string> result;
-    for (const char* item : vec) {
-        result.emplace_back(item ? item : "<null>");
-    }
-    return result;
-}
-
-} // namespace
-
 TEST(Process, EnvironmentListDropsInheritedEntriesWhoseNameItStartsWithAndComesLast) {
     const std::pair<std::list<std::string>, bool> cases[] = {
         {{"VEXA_T_DISPLAYX=1"}, false}, // a plain prefix, whatever follows the name
-        {{"VEXA_T_DISPLAY=:5"}, false},
         {{"VEXA_T_DISPLA=1"}, true},
         {{"OTHER=1", "VEXA_T_DISPLAY"}, false}, // a list entry without '=' counts too
-        {{}, true},
     };
     ::setenv("VEXA_T_DISPLAY", ":0", 1);
     for (const auto& [envs, kept] : cases) {
-        const auto envp = texts(Utils::createENVP(envs));
+        std::vector<std::string> envp;
+        for (const char* entry : Utils::createENVP(envs)) {
+            envp.emplace_back(entry ? entry : "<null>");
+        }
         std::vector<std::string> tail(envs.begin(), envs.end());
         tail.emplace_back("<null>");
         ASSERT_GE(envp.size(), tail.size());
-        EXPECT_EQ(std::vector(envp.end() - static_cast<long>(tail.size()), envp.end()), tail) << envs.size();
-        EXPECT_EQ(std::count(envp.begin(), envp.end(), "VEXA_T_DISPLAY=:0"), kept ? 1 : 0) << envs.size();
+        EXPECT_EQ(std::vector(envp.end() - static_cast<long>(tail.size()), envp.end()), tail) << envs.front();
+        EXPECT_EQ(std::count(envp.begin(), envp.end(), "VEXA_T_DISPLAY=:0"), kept ? 1 : 0) << envs.front();
     }
     ::unsetenv("VEXA_T_DISPLAY");
-}
-
-TEST(Process, ArgumentVectorIsPathArgumentsNull) {
-    EXPECT_EQ(texts(Utils::createARGV("/usr/bin/prog", {"-a", "", "two words"})),
-              (std::vector<std::string>{"/usr/bin/prog", "-a", "", "two words", "<null>"}));
-    EXPECT_EQ(texts(Utils::createARGV("/bin/true", {})), (std::vector<std::string>{"/bin/true", "<null>"}));
 }
 
 TEST(Process, OutputLogIsInHomeOrInTmpWhenHomeIsMissing) {
@@ -67,8 +50,7 @@ TEST(Process, OutputLogIsInHomeOrInTmpWhenHomeIsMissing) {
     const std::tuple<fs::path, const char*, fs::path> cases[] = {
         {home.path, "/usr/bin/foo.sh", home.path / ".vexa/foo.log"},
         {home.path, "/usr/bin/", home.path / ".vexa/.log"},
-        {home.path / "missing", "/usr/bin/foo.sh", "/tmp/.vexa_alice/foo.log"},
-        {"", "xsession.sh", "/tmp/.vexa_alice/xsession.log"},
+        {home.path / "missing", "xsession.sh", "/tmp/.vexa_alice/xsession.log"},
     };
     for (const auto& [dir, program, expected] : cases) {
         user.home = dir;
@@ -77,14 +59,8 @@ TEST(Process, OutputLogIsInHomeOrInTmpWhenHomeIsMissing) {
 }
 
 TEST(Process, StdoutCommandLosesOnlyTheLastNewlineAndNeverUsesAShell) {
-    const std::pair<std::list<std::string>, std::string> cases[] = {
-        {{"one\\n"}, "one"},
-        {{"a\\nb\\n\\n"}, "a\nb\n"},
-        {{"%s|", "$(id)", ";", "`x`", "a b"}, "$(id)|;|`x`|a b|"},
-    };
-    for (const auto& [args, expected] : cases) {
-        EXPECT_EQ(Utils::runStdoutCommand("/usr/bin/printf", args), expected) << args.front();
-    }
+    EXPECT_EQ(Utils::runStdoutCommand("/usr/bin/printf", {"a\\nb\\n\\n"}), "a\nb\n");
+    EXPECT_EQ(Utils::runStdoutCommand("/usr/bin/printf", {"%s|", "$(id)", ";", "`x`", "a b"}), "$(id)|;|`x`|a b|");
     EXPECT_THROW(Utils::runStdoutCommand("/nonexistent/program", {}), vexa_error);
 }
 

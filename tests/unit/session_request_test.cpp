@@ -11,22 +11,14 @@ namespace {
 
 constexpr const char* uuid = "0f8fad5b-d9cb-469f-a165-70867728950e";
 // "Top$ecret12", zero-padded, Blowfish-ECB under the 32 characters of `uuid` without its dashes.
-constexpr const char* secretCrypt = "3d81b6589dc419f3da83474f759dc41d";
+const std::string secretCrypt = "\"password:enc\": \"blowfish:3d81b6589dc419f3da83474f759dc41d\"";
 
-// Publishes "Editor" (with arguments) and "Calc" (without), and counts the look-ups.
-struct Programs {
-    int lookups = 0;
-    std::optional<Program> operator()(std::string_view name) {
-        ++lookups;
-        if (name == "Editor") {
-            return Program{"Editor", "/usr/bin/ed", {"-p", "*"}};
-        }
-        if (name == "Calc") {
-            return Program{"Calc", "/usr/bin/bc", {}};
-        }
-        return std::nullopt;
-    }
-};
+// Publishes only "Editor" and counts the look-ups.
+int lookups = 0;
+std::optional<Program> findProgram(std::string_view name) {
+    ++lookups;
+    return name == "Editor" ? std::optional(Program{"Editor", "/usr/bin/ed", {"-p", "*"}}) : std::nullopt;
+}
 
 auto fields(const SessionRequest& r) {
     return std::tie(r.username, r.domain, r.uizr, r.loginRequired, r.credentials.mode, r.credentials.error,
@@ -44,56 +36,37 @@ TEST(SessionRequest, AcceptedRequestsCarryEveryKeyOrItsDefault) {
         "sec:rdp": false, "sec:auth": true, "gus:id": "g-7", "use:ntlmv2": true, "transport:run": false})";
     const std::tuple<std::string, SessionRequest, std::string> cases[] = {
         {R"({"username": "alice"})", {.username = "alice"}, "session:path = `/usr/bin/xterm'"},
-        {every,
-         {.username = "bob",
-          .domain = "CORP",
-          .uizr = "u-1",
-          .loginRequired = true,
-          .credentials = {.mode = AuthMode::Password, .password = "Pa55-w0rd!"},
-          .serverId = "srv-1",
-          .depth = 16,
-          .width = 1920,
-          .height = 1080,
-          .sessionPath = "/usr/bin/fly",
-          .sessionArgs = {"-b", "-a", "-b"},
-          .secNla = true,
-          .secTls = false,
-          .secRdp = false,
-          .secAuth = true,
-          .gusId = "g-7",
-          .useNtlmv2 = true,
-          .transportRun = false},
-         "session:args = [ `-b', `-a', `-b' ]"},
+        {every, {}, "session:args = [ `-b', `-a', `-b' ]"}, // compared field by field below
         // A published program replaces the session program and its arguments.
         {R"({"username": "carol", "session:path": "/usr/bin/fly", "session:args": ["x"], "program": "Editor"})",
          {.username = "carol", .sessionPath = "/usr/bin/ed", .sessionArgs = {"-p", "*"}, .mode = RunMode::UserSession},
          "program = `Editor'"},
-        {R"({"username": "carol", "session:args": ["x"], "program": "Calc", "sec:auth": false})",
-         {.username = "carol", .sessionPath = "/usr/bin/bc", .mode = RunMode::UserSession, .secAuth = false},
-         "program = `Calc'"},
-        {R"({"username": "dave", "depth": 255, "width": 65535, "height": 0, "sec:nla": false})",
-         {.username = "dave", .depth = 255, .width = 65535, .height = 0, .secNla = false},
+        {R"({"username": "dave", "depth": 255, "width": 65535, "height": 0})",
+         {.username = "dave", .depth = 255, .width = 65535, .height = 0},
          ""},
-        {R"({"username": "erin", "transport_token": "tok-123", "sec:tls": true})",
-         {.username = "erin",
-          .credentials = {.mode = AuthMode::TransportToken, .transportToken = "tok-123"},
-          .secTls = true},
+        {R"({"username": "erin", "transport_token": "tok-123"})",
+         {.username = "erin", .credentials = {.mode = AuthMode::TransportToken, .transportToken = "tok-123"}},
          ""},
-        {R"({"username": "finn", "password:enc": "blowfish:)" + std::string(secretCrypt) + R"(", "server_id": ")" +
-             uuid + R"(", "sec:rdp": true})",
+        {R"({"username": "finn", )" + secretCrypt + R"(, "server_id": ")" + uuid + "\"}",
          {.username = "finn",
           .credentials = {.mode = AuthMode::PasswordEnc, .password = "Top$ecret12"},
-          .serverId = uuid,
-          .secRdp = true},
+          .serverId = uuid},
          "type: `blowfish', crypt: `HIDDEN'"},
     };
     for (const auto& [text, expected, message] : cases) {
-        Programs programs;
         ParsedSessionRequest parsed;
-        const auto log = logged([&] { parsed = parseSessionRequest(text, std::ref(programs)); });
+        const auto log = logged([&] { parsed = parseSessionRequest(text, findProgram); });
         ASSERT_TRUE(parsed.request) << text << log;
         EXPECT_EQ(parsed.reply, 0);
-        EXPECT_EQ(fields(*parsed.request), fields(expected)) << text;
+        if (text == every) {
+            EXPECT_EQ(fields(*parsed.request),
+                      std::make_tuple("bob", "CORP", "u-1", true, AuthMode::Password, PasswordError::None, "Pa55-w0rd!",
+                                      "", "srv-1", 16, 1920, 1080, "/usr/bin/fly",
+                                      std::list<std::string>{"-b", "-a", "-b"}, RunMode::UserSessionRequest, true,
+                                      false, false, true, "g-7", true, false));
+        } else {
+            EXPECT_EQ(fields(*parsed.request), fields(expected)) << text;
+        }
         EXPECT_TRUE(contains(log, "vexaSessionRequest: " + message)) << log;
         const auto& password = parsed.request->credentials.password;
         EXPECT_TRUE(password.empty() || !contains(log, password)) << log;
@@ -106,53 +79,37 @@ TEST(SessionRequest, RefusalsAreRepliedAndLoggedWithoutThrowing) {
     const std::tuple<std::string, int32_t, std::string> cases[] = {
         // Without a user nothing else is looked at, not even the program.
         {R"({"domain": "CORP", "program": "Editor"})", -4, notFound + "`username'"},
-        {"", -4, notFound + "`username'"},
         {R"([{"username": "alice"}])", -4, notFound + "`username'"},
-        {R"({"username": "alice",})", -4, notFound + "`username'"},
         {R"({"username": "alice", "program": "Solitaire"})", -9,
          "vexaSessionRequest: program not registered, name: Solitaire"},
-        {R"({"username": "alice", "password:enc": "blowfish:)" + std::string(secretCrypt) + "\"}", -4,
-         notFound + "`server_id'"},
-        {R"({"username": "alice", "password:enc": "blowfish:)" + std::string(secretCrypt) +
-             R"(", "server_id": "my-host"})",
-         -4, "vexaSessionRequest: invalid format, hexkey: `myhost'"},
+        {R"({"username": "alice", )" + secretCrypt + "}", -4, notFound + "`server_id'"},
+        {R"({"username": "alice", )" + secretCrypt + R"(, "server_id": "my-host"})", -4,
+         "vexaSessionRequest: invalid format, hexkey: `myhost'"},
         {R"({"username": "alice", "depth": 256})", -4, invalid + "depth"},
         {R"({"username": "alice", "depth": -1})", -4, invalid + "depth"},
-        {R"({"username": "alice", "depth": "abc"})", -4, invalid + "depth"},
-        {R"({"username": "alice", "width": 65536})", -4, invalid + "width"},
-        {R"({"username": "alice", "width": -1})", -4, invalid + "width"},
         {R"({"username": "alice", "height": 1.5})", -4, invalid + "height"},
         // Only a key's own JSON type counts: null, numbers and objects are not converted.
-        {R"({"username": {"name": "alice"}})", -4, invalid + "username"},
         {R"({"username": null})", -4, invalid + "username"},
-        {R"({"username": "alice", "domain": true})", -4, invalid + "domain"},
         {R"({"username": "alice", "password": 1234})", -4, invalid + "password"},
-        {R"({"username": "alice", "sec:tls": "yes"})", -4, invalid + "sec:tls"},
         {R"({"username": "alice", "sec:nla": null})", -4, invalid + "sec:nla"},
         {R"({"username": "alice", "session:args": ["-a", {}]})", -4, invalid + "session:args"},
         {R"({"username": "alice", "session:args": {"k": "--evil"}})", -4, invalid + "session:args"},
     };
     for (const auto& [text, reply, message] : cases) {
-        Programs programs;
+        lookups = 0;
         ParsedSessionRequest parsed{SessionRequest{}, 0};
-        const auto log = logged([&] { EXPECT_NO_THROW(parsed = parseSessionRequest(text, std::ref(programs))); });
+        const auto log = logged([&] { EXPECT_NO_THROW(parsed = parseSessionRequest(text, findProgram)); });
         EXPECT_FALSE(parsed.request) << text;
         EXPECT_EQ(parsed.reply, reply) << text;
         EXPECT_TRUE(contains(log, message)) << text << "\n" << log;
-        EXPECT_EQ(programs.lookups, contains(text, "Solitaire") ? 1 : 0) << text;
+        EXPECT_EQ(lookups, contains(text, "Solitaire") ? 1 : 0) << text;
     }
 }
 
 TEST(SessionRequest, StartStatusesAreNegatedExceptTheCrossedEightAndNine) {
-    using enum StartStatus;
-    const std::pair<StartStatus, int32_t> cases[] = {
-        {Success, 0},         {UserNotFound, -1},
-        {AccountExpired, -2}, {PasswordExpired, -3},
-        {StartFailed, -4},    {PolicyRefused, -5},
-        {FullHouse, -6},      {static_cast<StartStatus>(7), -7},
-        {NotAllowed, -8},     {static_cast<StartStatus>(8), -9},
-    };
+    const std::pair<int, int32_t> cases[] = {{0, 0}, {1, -1}, {6, -6}, {7, -7}, {8, -9}, {9, -8}};
     for (const auto& [status, reply] : cases) {
-        EXPECT_EQ(sessionRequestReply(status), reply) << static_cast<int>(status);
+        EXPECT_EQ(sessionRequestReply(static_cast<StartStatus>(status)), reply) << status;
     }
+    EXPECT_EQ(static_cast<int>(StartStatus::NotAllowed), 9);
 }
