@@ -1,6 +1,6 @@
-// Hostile desktop entries and programs files: the entry parser, the Exec line split, the JSON conversion and a
-// whole reload of the program list must never crash, leak or read out of bounds. The same input is read both
-// as a desktop entry and as a programs file.
+// Hostile desktop entries and programs files (/etc/vexa/programs.json): the entry parser, the Exec line split, the JSON
+// conversion and a whole reload of the program list must never crash, leak or read out of bounds. The same input is
+// read both as a desktop entry and as a programs file.
 
 #include <cstddef>
 #include <cstdint>

@@ -218,34 +218,23 @@ def test_session_ends_when_its_program_is_killed_or_the_service_stops(sessions, 
     wait_for(lambda: ended(other_uid, live["display"]), what="the live session's processes to end")
 
 
-def test_logind_never_knowing_the_session_refuses_it(daemon, new_user):
+def test_logind_never_knowing_the_session_refuses_it(daemon, new_user, files):
     user, uid = new_user("e2e-sess-nologind")
-    pam = pathlib.Path("/etc/pam.d/vexa-e2e-nologind")
-    pam.write_text("auth required pam_unix.so nodelay\naccount required pam_unix.so\n"
-                   "session required pam_unix.so\n")
-    try:
-        keeper = daemon(**{"pam:service": "vexa-e2e-nologind", "start:timeout": 2})
-        assert keeper.request(username=user, password=PASSWORD, **PROGRAM) == -4
-        wait_line(keeper.svc.cursor, "startSession: systemd failed, display: 101, expired start session timeout: u")
-        wait_for(lambda: ended(uid, 101), what="the session's processes to end")
-        assert not keeper.listed()
-    finally:
-        pam.unlink()
+    files.write("/etc/pam.d/vexa-e2e-nologind", "auth required pam_unix.so nodelay\n"
+                "account required pam_unix.so\nsession required pam_unix.so\n")
+    keeper = daemon(**{"pam:service": "vexa-e2e-nologind", "start:timeout": 2})
+    assert keeper.request(username=user, password=PASSWORD, **PROGRAM) == -4
+    wait_line(keeper.svc.cursor, "startSession: systemd failed, display: 101, expired start session timeout: u")
+    wait_for(lambda: ended(uid, 101), what="the session's processes to end")
+    assert not keeper.listed()
 
 
-@pytest.fixture
-def login_helper():
-    """A stand-in login helper that the session's user may run."""
-    helper = pathlib.Path("/usr/local/bin/vexa-e2e-login-helper")
-    helper.write_text("#!/bin/sh\nexec sleep 600\n")
-    helper.chmod(0o755)
-    yield helper
-    helper.unlink()
-
-
-def test_login_helper_session(daemon, new_user, login_helper):
+def test_login_helper_session(daemon, new_user, files):
     user, uid = new_user("e2e-sess-login")
-    keeper = daemon(**{"helper:login": str(login_helper)})
+    helper = pathlib.Path("/usr/local/bin/vexa-e2e-login-helper")  # a stand-in the user may run
+    files.write(helper, "#!/bin/sh\nexec sleep 600\n")
+    helper.chmod(0o755)
+    keeper = daemon(**{"helper:login": str(helper)})
     service = keeper.svc
     # the login screen needs no password: the helper's own session, with the fixed limits of a login session
     (display, xauthfile), = service.call("vexaLoginHelperStart", "si", user, 4321).get_args_list()

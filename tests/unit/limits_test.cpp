@@ -21,15 +21,6 @@ TEST(ResourceLimits, ValuesAreConvertedAsTheSystemdPropertiesExpect) {
     EXPECT_EQ(ResourceControlJsonName(static_cast<ResourceControl>(7)), nullptr);
 }
 
-TEST(LimitsDefaults, ReadFromTheDefaultObjectOnly) {
-    const auto d = readLimitsDefaults(parseJsonStrict(R"({"default": {"cpu:quota": 40, "cpu:weight": 200,
-        "tasks:max": 64, "memory:high": "2G", "network:allow": "any"}, "users": [{"name": "u", "cpu:weight": 1}]})"));
-    EXPECT_EQ(std::make_tuple(d.cpuQuota, d.cpuWeight, d.tasksMax), std::make_tuple(40, 200, 64));
-    EXPECT_EQ(std::make_tuple(d.memoryHigh, d.memoryMax, d.networkDeny, d.networkAllow),
-              std::make_tuple("2G", "", "", "any"));
-    EXPECT_EQ(readLimitsDefaults(parseJsonStrict(R"({"default": [1, 2]})")).cpuQuota, 0);
-}
-
 TEST(Systemctl, CommandTextQuotesValuesAndLeavesResetsBare) {
     EXPECT_EQ(systemctlCommandText("user-0.slice", {{"IPAddressDeny", R"(a"b\c)"}}),
               R"(/usr/bin/systemctl set-property user-0.slice IPAddressDeny="a\"b\\c")");

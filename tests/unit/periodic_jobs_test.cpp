@@ -28,19 +28,6 @@ TEST(LogSink, EveryLevelWritesExactlyTheTemplatesItAllows) {
     }
 }
 
-TEST(Syslog, LevelNamesAreExactAndUnknownNamesKeepThePreviousLevel) {
-    const std::pair<const char*, DebugLevel> cases[] = {
-        {"debug", DebugLevel::Debug}, {"trace", DebugLevel::Trace},  {"info", DebugLevel::Info},
-        {"none", DebugLevel::None},   {"Debug", DebugLevel::Silent}, {"console", DebugLevel::Silent},
-    };
-    for (const auto& [name, expected] : cases) {
-        Syslog::setDebugLevel(DebugLevel::Silent);
-        Syslog::setDebugLevel(std::string(name));
-        EXPECT_EQ(Syslog::debugLevel(), expected) << '"' << name << '"';
-    }
-    Syslog::setDebugLevel(DebugLevel::None);
-}
-
 TEST(PeriodicJobs, JobRunsWhenStrictlyMoreThanItsPeriodPassedSinceTheTimeReadBeforeItsLastRun) {
     PeriodicJobs::Clock::time_point now{};
     PeriodicJobs jobs(now, [&now] { return now; });

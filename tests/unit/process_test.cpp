@@ -88,17 +88,6 @@ TEST(Process, WaitSocketWaitsForASocketAndRefusesAnythingElse) {
     EXPECT_FALSE(Utils::waitSocketSec(dir.path / "X2", 1));
 }
 
-TEST(Process, InputAndDataOnAPipe) {
-    int fds[2];
-    ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
-    EXPECT_FALSE(Utils::hasInput(fds[0], 0) || Utils::hasData(fds[0]));
-    ASSERT_EQ(::write(fds[1], "x", 1), 1);
-    EXPECT_TRUE(Utils::hasInput(fds[0], 0) && Utils::hasData(fds[0]));
-    ::close(fds[0]);
-    ::close(fds[1]);
-    EXPECT_THROW(Utils::hasData(fds[0]), vexa_error); // closed
-}
-
 TEST(Process, PidFilesLiveInTheVexaDirectoryOfHome) {
     const TempDir home;
     fs::create_directory(home.path / ".vexa");
@@ -112,20 +101,4 @@ TEST(Process, PidFilesLiveInTheVexaDirectoryOfHome) {
     Utils::removeSessionPidFor("agent");
     EXPECT_FALSE(fs::exists(home.path / ".vexa/agent"));
     ::setenv("HOME", oldHome.c_str(), 1);
-}
-
-TEST(Process, ProcessArgsAreCutToTheirSlots) {
-    char area[] = "vexa_service\0--config\0/etc/x.json";
-    char* argv[] = {area, area + 13, area + 22, nullptr};
-    char** const saved = programArgv;
-    programArgv = argv;
-    changeProcessArgs("session-manager-of-alice", "X");
-    EXPECT_EQ(std::string_view(argv[0]), "vexa_service");
-    EXPECT_EQ(std::string_view(argv[1]), "session-");
-    EXPECT_EQ(std::string_view(argv[2]), "X          ");
-    char* shortArgv[] = {area, nullptr}; // one slot only: nothing beyond it is written
-    programArgv = shortArgv;
-    changeProcessArgs("a", "b");
-    EXPECT_EQ(std::string_view(argv[1]), "session-");
-    programArgv = saved;
 }

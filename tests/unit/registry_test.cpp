@@ -69,20 +69,6 @@ TEST(RegistryTest, LookupsByIdDisplayAndExactUserName) {
     EXPECT_EQ(registry.size(), 0u);
 }
 
-TEST(RegistryTest, NewSessionTakesTheServiceDefaults) {
-    ServiceDefaults defaults;
-    defaults.durationTimeout = 600;
-    defaults.connectPolicy = ConnectPolicy::MultiAllow;
-    defaults.redirect.audio = false;
-    defaults.disconnectedFreeze = true;
-    defaults.keepAliveFailures = 3;
-    const Session s(1, makeUser("u"), defaults);
-    EXPECT_EQ(std::make_tuple(s.durationLimit, s.policyConnect, s.redirectPolicy, s.disconnectedFreeze,
-                              s.rdpKeepAliveFailures),
-              std::make_tuple(600u, ConnectPolicy::MultiAllow, redirectPolicyWord(defaults.redirect), true, 3u));
-    EXPECT_EQ(s.startedTimepoint, s.onlinedTimepoint);
-}
-
 TEST(RegistryTest, TransportSlotsAreReusedWhenFreeAndRunningTransportsAreTerminated) {
     // Above the kernel's largest pid_max: a transport that has gone, and that no slot can signal.
     constexpr pid_t gone = 0x7FFFFF00;
@@ -151,13 +137,4 @@ TEST(RegistryTest, LookupsAndWalksFromSeveralThreadsSeeConsistentRecords) {
     EXPECT_EQ(registry.findUserSessions("shared").size(), registry.size());
     // Only the registry and this test hold the user record: nothing leaked or freed twice.
     EXPECT_EQ(static_cast<size_t>(user.use_count()), registry.size() + 1);
-}
-
-TEST(UserInfo, NullFieldsBecomeEmpty) {
-    passwd bare{};
-    bare.pw_uid = 1234;
-    const UserInfo user(bare, true); // no name: no groups to look up
-    EXPECT_TRUE(user.name.empty() && user.home.empty() && user.shell.empty() && user.gecos.empty());
-    EXPECT_TRUE(user.groups.empty());
-    EXPECT_EQ(user.uid, 1234);
 }

@@ -92,7 +92,3 @@ TEST(RedirectPolicy, EachDefaultFlagOwnsItsFixedBit) {
     EXPECT_EQ(redirectSet(0xFFFFFFFFu, RedirectBit::Printer, false), 0xFFFFFFFBu);
     EXPECT_TRUE(redirectAllowed(redirectSet(0, RedirectBit::Audio, true), RedirectBit::Audio));
 }
-
-TEST(PackPair, FirstValueInTheHighHalf) {
-    EXPECT_EQ(packPair(0xFFFFFFFFu, 30), 0xFFFFFFFF0000001EULL);
-}
