@@ -94,7 +94,10 @@ bus_pid=
 address=
 if [ -n "${XDG_RUNTIME_DIR:-}" ] && [ -S "$XDG_RUNTIME_DIR/bus" ]; then
     # The user's systemd manager serves the user's bus (dbus-user-session, dbus-broker).
-    address=unix:path=$(LC_ALL=C && bus_escape "$XDG_RUNTIME_DIR/bus")
+    case $XDG_RUNTIME_DIR in
+    *[!-0-9A-Za-z_/.*]*) address=unix:path=$(LC_ALL=C && bus_escape "$XDG_RUNTIME_DIR/bus") ;;
+    *) address=unix:path=$XDG_RUNTIME_DIR/bus ;;
+    esac
 else
     # With --fork the daemon prints its pid and, once it listens, its address, then stays in
     # the background: two lines, told apart by their form.
@@ -123,15 +126,14 @@ if [ -n "$address" ]; then
         */*) address_dir=${address_file%/*} ;;
         *) address_dir=. ;;
         esac
-        # A temporary file in the same directory, renamed into place: the service never reads
-        # half a line.
-        if (umask 077 && mkdir -p -- "${address_dir:-/}") &&
-            tmp=$(mktemp "${address_dir:-}/.dbus_session.XXXXXXXXXX") &&
-            printf '%s\n' "$address" >"$tmp" && mv -f -- "$tmp" "$address_file"; then
+        # One line in one write: the service takes the address once the line's newline is there, so it
+        # never reads half of it. Builtins only, but for the mkdir of a first session: the service waits
+        # for this file. It needs no mode of its own: the run-time directory is the user's alone.
+        if { [ -d "${address_dir:-/}" ] || (umask 077 && mkdir -p -- "${address_dir:-/}"); } &&
+            printf '%s\n' "$address" >"$address_file"; then
             :
         else
             say "could not write the bus address to $address_file"
-            [ -n "${tmp:-}" ] && rm -f -- "$tmp"
             address_file=
         fi
     fi

@@ -7,8 +7,15 @@ namespace Vexa {
 // The process's initial argument vector, set first thing in main.
 extern char** programArgv;
 
-// True while the service runs; cleared by SIGTERM/SIGINT and by busServiceShutdown.
+// True while the service runs; cleared by SIGTERM/SIGINT and by busServiceShutdown (requestServiceStop).
 // Lock-free, shared with the signal handler; every write is a sequentially consistent store.
 extern std::atomic<bool> serviceRunning;
+
+// Clears serviceRunning and makes serviceStopFd() readable for good. Async-signal-safe.
+void requestServiceStop() noexcept;
+
+// An eventfd that becomes readable, and stays so, once the service is asked to stop: waits that must end then
+// (the watcher's sleep, the waits of a session start) poll it beside what they wait for.
+int serviceStopFd() noexcept;
 
 } // namespace Vexa

@@ -1,5 +1,6 @@
 #include "periodic_jobs.h"
 
+#include <algorithm>
 #include <exception>
 
 #include "logger.h"
@@ -26,6 +27,18 @@ void PeriodicJobs::runDue() {
             Syslog::error("%s: exception: %s", job.name.c_str(), err.what());
         }
     }
+}
+
+PeriodicJobs::Clock::time_point PeriodicJobs::nextDue() const {
+    if (jobs.empty()) {
+        return start;
+    }
+    auto due = Clock::time_point::max();
+    for (const auto& job : jobs) {
+        // One tick of the clock after the period: a job is due only when more than its period has passed.
+        due = std::min(due, job.lastRun + job.period + Clock::duration(1));
+    }
+    return due;
 }
 
 } // namespace Vexa

@@ -24,6 +24,10 @@ public:
     // has its stamp reset to the time read just before it ran. A job that throws is logged and the pass goes on.
     void runDue();
 
+    // The earliest time at which some job is due (strictly more than its period after its last run), so that
+    // the watcher may sleep until then; the start time when there is no job.
+    Clock::time_point nextDue() const;
+
 private:
     struct Job {
         std::string name;

@@ -1,6 +1,7 @@
 #include "process.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -8,17 +9,22 @@
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <future>
+#include <mutex>
 #include <thread>
+#include <unordered_map>
 
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "events.h"
 #include "globals.h"
 #include "logger.h"
 #include "utils.h"
@@ -31,7 +37,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr const char* devNull = "/dev/null";
-constexpr auto probeInterval = 100ms;
 constexpr auto pidFileTimeout = 60s;
 // How long runChildProcess waits for its child to reach execve. Only the child's log lines depend on it: a
 // child stuck before its exec (a hung home directory) must not hold the caller, and a concurrent fork in
@@ -491,23 +496,125 @@ int waitStatus(pid_t pid) {
     return status;
 }
 
-std::future<int> waitChildBack(pid_t pid) {
-    return std::async([pid] {
-        Syslog::debug("%s: added task, pid: %d", "asyncWaitPid", pid);
-        int status = -1;
-        while (waitpid(pid, &status, 0) < 0) {
-            const int err = errno;
-            if (err == EINTR) {
-                continue;
+namespace {
+
+// One thread reaps every child handed to waitChildBack: it sleeps in epoll on the children's pidfds and fulfils
+// each child's promise with its wait status. Made at the first use and kept until the process ends.
+class ChildReaper {
+public:
+    static ChildReaper& instance() {
+        // Never destroyed: its thread may still sleep in epoll_wait when the process ends.
+        static auto* reaper = new ChildReaper();
+        return *reaper;
+    }
+
+    // False when no pidfd could be had for the child (then the caller waits for it another way).
+    bool watch(pid_t pid, std::promise<int>& promise) {
+        UniqueFd fd = processFd(pid);
+        if (!fd || epollFd < 0) {
+            return false;
+        }
+        const int key = fd.get();
+        {
+            std::lock_guard guard(lock);
+            waiting.emplace(key, Waiting{pid, std::move(fd), std::move(promise)});
+        }
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = key;
+        if (epoll_ctl(epollFd, EPOLL_CTL_ADD, key, &event) != 0) {
+            std::lock_guard guard(lock);
+            auto found = waiting.find(key);
+            promise = std::move(found->second.promise);
+            waiting.erase(found);
+            return false;
+        }
+        return true;
+    }
+
+private:
+    struct Waiting {
+        pid_t pid;
+        UniqueFd fd;
+        std::promise<int> promise;
+    };
+
+    ChildReaper() : epollFd(epoll_create1(EPOLL_CLOEXEC)) {
+        if (epollFd >= 0) {
+            std::thread([this] { run(); }).detach();
+        }
+    }
+
+    void run() {
+        std::array<epoll_event, 16> events{};
+        for (;;) {
+            const int count = epoll_wait(epollFd, events.data(), static_cast<int>(events.size()), -1);
+            for (int i = 0; i < count; ++i) {
+                reap(events[static_cast<size_t>(i)].data.fd);
             }
+        }
+    }
+
+    void reap(int key) {
+        std::unique_lock guard(lock);
+        auto found = waiting.find(key);
+        if (found == waiting.end()) {
+            return;
+        }
+        const pid_t pid = found->second.pid;
+        int status = -1;
+        pid_t ended = 0;
+        while ((ended = waitpid(pid, &status, WNOHANG)) < 0 && errno == EINTR) {
+        }
+        if (ended == 0) {
+            return; // the pidfd spoke before the child could be reaped; it speaks again
+        }
+        if (ended < 0) {
+            const int err = errno;
             if (err != ECHILD) {
                 Syslog::error("%s: %s failed, error: %s, code: %d", "asyncWaitPid", "waitpid", errnoText(err).c_str(),
                               err);
             }
-            break;
+            status = -1;
         }
-        return status;
-    });
+        epoll_ctl(epollFd, EPOLL_CTL_DEL, key, nullptr);
+        auto entry = std::move(found->second);
+        waiting.erase(found);
+        guard.unlock();
+        entry.promise.set_value(status);
+    }
+
+    const int epollFd;
+    std::mutex lock;                          // guards `waiting`
+    std::unordered_map<int, Waiting> waiting; // by pidfd
+};
+
+int waitBlocking(pid_t pid) {
+    int status = -1;
+    while (waitpid(pid, &status, 0) < 0) {
+        const int err = errno;
+        if (err == EINTR) {
+            continue;
+        }
+        if (err != ECHILD) {
+            Syslog::error("%s: %s failed, error: %s, code: %d", "asyncWaitPid", "waitpid", errnoText(err).c_str(), err);
+        }
+        return -1;
+    }
+    return status;
+}
+
+} // namespace
+
+std::future<int> waitChildBack(pid_t pid) {
+    Syslog::debug("%s: added task, pid: %d", "asyncWaitPid", pid);
+    std::promise<int> promise;
+    auto result = promise.get_future();
+    if (!ChildReaper::instance().watch(pid, promise)) {
+        // No pidfd (the child is gone already, or descriptors ran out): a task of its own waits for it.
+        return std::async(std::launch::async, [pid] { return waitBlocking(pid); });
+    }
+    return result;
 }
 
 void runOwnerCommand(const std::filesystem::path& path, const std::list<std::string>& args,
@@ -627,17 +734,12 @@ void syslogWaitStatus(int status, const char* func, pid_t pid) {
 }
 
 bool waitSocketSec(const std::filesystem::path& path, unsigned seconds) {
-    const auto start = std::chrono::steady_clock::now();
-    for (;;) {
+    const auto ready = [&path] {
         struct stat st {};
-        if (stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) {
-            return true;
-        }
-        if (std::chrono::steady_clock::now() - start > std::chrono::seconds(seconds)) {
-            return false;
-        }
-        std::this_thread::sleep_for(probeInterval); // resumed after a signal
-    }
+        return stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+    };
+    return waitForPath(path, ready, std::chrono::steady_clock::now() + std::chrono::seconds(seconds)).outcome ==
+           PathWait::Ready;
 }
 
 bool hasInput(int fd, int timeoutMs) {
@@ -710,18 +812,15 @@ bool waitSessionPidFor(std::string_view name) {
     if (!path) {
         return false;
     }
-    const auto start = std::chrono::steady_clock::now();
-    for (;;) {
+    const auto ready = [&path] {
         std::error_code ec;
-        if (std::filesystem::is_regular_file(*path, ec)) {
-            return true;
-        }
-        if (std::chrono::steady_clock::now() - start > pidFileTimeout) {
-            Syslog::error("%s: timeout exception, path: `%s'", "waitSessionPidFor", path->c_str());
-            return false;
-        }
-        std::this_thread::sleep_for(probeInterval);
+        return std::filesystem::is_regular_file(*path, ec);
+    };
+    if (waitForPath(*path, ready, std::chrono::steady_clock::now() + pidFileTimeout).outcome != PathWait::Ready) {
+        Syslog::error("%s: timeout exception, path: `%s'", "waitSessionPidFor", path->c_str());
+        return false;
     }
+    return true;
 }
 
 void removeSessionPidFor(std::string_view name) {

@@ -23,9 +23,10 @@ struct DesktopFile {
     // Only lines inside the section opened by a line that is exactly "[Desktop Entry]" count; any other line
     // beginning with '[' closes it. Keys are exact, case-sensitive prefixes; a later line of the same key
     // overwrites an earlier one, except that a "Name[ru_RU]=" never replaces a localized name already set.
-    // The type is compared exactly, as the product's contract states: only "Type=application" entries are
-    // published, not the freedesktop standard's "Type=Application", so administrators publish programs
-    // through /etc/vexa/programs.json.
+    // The type is compared exactly: only "Type=application" entries are published, not the freedesktop
+    // standard's "Type=Application". The desktop entries every installed package brings are thus never
+    // offered to remote clients by themselves; an administrator publishes a program on purpose, through
+    // /etc/vexa/programs.json or an entry written for it.
     // A file that cannot be read gives an entry that is no application (logged).
     static DesktopFile parse(const std::filesystem::path& path);
     static DesktopFile parseText(std::string_view text);

@@ -1,5 +1,6 @@
 // Credential checks.
 
+#include <cstring>
 #include <optional>
 
 #include "auth/openssl.h"
@@ -8,23 +9,39 @@
 
 namespace Vexa {
 
-bool DBusService::vexaCheckAuthUser(const std::string& user, const std::string& pass, const std::string& service) {
-    return boundary("vexaCheckAuthUser", false, [&] {
-        info("%s: user: %s, service: %s", "vexaCheckAuthUser", user.c_str(), service.c_str());
+void DBusService::replyPasswordCheck(const char* method, const ReplyPtr<bool>& reply, const std::string& service,
+                                     const std::string& user, std::string pass, const std::string& caller) {
+    replyFromWorker(
+        method, reply, false,
+        [this, service, user, pass = std::move(pass), caller]() mutable {
+            const bool accepted = checkPasswordWith(service, user, pass);
+            explicit_bzero(pass.data(), pass.size());
+            throttleOutcome(user, caller, accepted);
+            return accepted;
+        },
+        throttleSlot(method, user, caller));
+}
+
+void DBusService::vexaCheckAuthUser(sdbus::Result<bool>&& result, std::string user, std::string pass,
+                                    std::string service) {
+    const char* self = "vexaCheckAuthUser";
+    answerAsync(self, std::move(result), false, [&](const ReplyPtr<bool>& reply) {
+        info("%s: user: %s, service: %s", self, user.c_str(), service.c_str());
+        const auto caller = callerName();
 
         const auto tokenAccepted = consumeTransportToken(user, pass);
         if (tokenAccepted) {
-            const char* result = *tokenAccepted ? "TRUE" : "FALSE";
+            const char* answer = *tokenAccepted ? "TRUE" : "FALSE";
             const char* format = "%s: transport token present, check it for user: %s, result: %s";
             if (*tokenAccepted) {
-                info(format, "vexaCheckAuthUser", user.c_str(), result);
-                return true;
+                info(format, self, user.c_str(), answer);
+                sendReply(self, *reply, true);
+                return;
             }
-            warning(format, "vexaCheckAuthUser", user.c_str(), result);
+            warning(format, self, user.c_str(), answer);
         }
 
-        PamService pam(service.empty() ? "vexa" : service, user, pass);
-        return pam.checkAuthenticate();
+        replyPasswordCheck(self, reply, service.empty() ? "vexa" : service, user, std::move(pass), caller);
     });
 }
 

@@ -9,7 +9,7 @@ namespace Vexa {
 void DBusService::busServiceShutdown() {
     boundary("busServiceShutdown", [] {
         notice("%s: process is initiated", "busServiceShutdown");
-        serviceRunning.store(false);
+        requestServiceStop();
     });
 }
 

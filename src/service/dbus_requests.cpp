@@ -1,5 +1,7 @@
 // Session requests from transports and administrators, and the login helper.
 
+#include <chrono>
+#include <cstring>
 #include <thread>
 
 #include "dbus_service.h"
@@ -67,8 +69,45 @@ StartSessionArgs DBusService::defaultSessionArgs(const std::string& user, const 
     return args;
 }
 
-int32_t DBusService::requestSession(const StartSessionArgs& args, SessionPtr& session) {
+std::string DBusService::callerName() const {
+    const auto* message = getObject().getCurrentlyProcessedMessage();
+    return message ? message->getSender() : std::string();
+}
+
+WorkPool::Clock::time_point DBusService::throttleSlot(const char* method, const std::string& user,
+                                                      const std::string& caller) {
+    const auto now = WorkPool::Clock::now();
+    const auto slot = throttle.admit(user, caller, now);
+    if (slot.notBefore > now) {
+        const auto delay = std::chrono::duration_cast<std::chrono::milliseconds>(slot.notBefore - now);
+        notice("%s: throttled, user: %s, caller: %s, failures: %u, delayed: %u ms", method, user.c_str(),
+               caller.c_str(), slot.failures, static_cast<unsigned>(delay.count()));
+    }
+    return slot.notBefore;
+}
+
+void DBusService::throttleOutcome(const std::string& user, const std::string& caller, bool accepted) {
+    if (accepted) {
+        if (throttle.succeeded(user, caller)) {
+            notice("%s: released, user: %s, caller: %s", "authThrottle", user.c_str(), caller.c_str());
+        }
+        return;
+    }
+    const auto failure = throttle.failed(user, caller, AuthThrottle::Clock::now());
+    if (failure.engaged) {
+        const auto defs = defaults();
+        warning("%s: engaged, user: %s (%u failures), caller: %s (%u failures), further logins delayed by %u s, "
+                "doubling up to %u s",
+                "authThrottle", user.c_str(), failure.userFailures, caller.c_str(), failure.callerFailures,
+                defs.throttleDelay, defs.throttleDelayMax);
+    }
+}
+
+int32_t DBusService::requestSession(const StartSessionArgs& args, const std::string& caller, SessionPtr& session) {
     const auto started = startSession(args);
+    if (args.password && (started.session || started.authFailed)) {
+        throttleOutcome(args.user, caller, !started.authFailed);
+    }
     if (started.status != StartStatus::Success) {
         return sessionRequestReply(started.status);
     }
@@ -88,46 +127,93 @@ void DBusService::allowConnection(const Session& session) {
     emitSignal("signalProxyAllowConnection", [this, sid, uid] { emitSignalProxyAllowConnection(sid, uid); });
 }
 
-int32_t DBusService::requestAllowedSession(const StartSessionArgs& args) {
+int32_t DBusService::requestAllowedSession(const StartSessionArgs& args, const std::string& caller) {
     SessionPtr session;
-    if (const int32_t reply = requestSession(args, session); reply != 0) {
+    if (const int32_t reply = requestSession(args, caller, session); reply != 0) {
         return reply;
     }
     allowConnection(*session);
     return static_cast<int32_t>(session->sid);
 }
 
-int32_t DBusService::busSessionRequest(const std::string& user, const std::string& pass, const uint8_t& depth,
-                                       const uint16_t& width, const uint16_t& height) {
-    return boundary("busSessionRequest", requestFailed, [&] {
-        notice("%s: user: %s, depth: %u, width: %u, height: %u", "busSessionRequest", user.c_str(), depth, width,
-               height);
+void DBusService::busSessionRequest(sdbus::Result<int32_t>&& result, std::string user, std::string pass, uint8_t depth,
+                                    uint16_t width, uint16_t height) {
+    const char* self = "busSessionRequest";
+    answerAsync(self, std::move(result), requestFailed, [&](const ReplyPtr<int32_t>& reply) {
+        notice("%s: user: %s, depth: %u, width: %u, height: %u", self, user.c_str(), depth, width, height);
         auto args = defaultSessionArgs(user, pass, depth, width, height);
-        return requestAllowedSession(args);
+        const auto caller = callerName();
+        replyFromWorker(
+            self, reply, requestFailed,
+            [this, args = std::move(args), caller] { return requestAllowedSession(args, caller); },
+            throttleSlot(self, user, caller));
     });
 }
 
-int32_t DBusService::busSessionDomainRequest(const std::string& user, const std::string& domain,
-                                             const std::string& pass, const uint8_t& depth, const uint16_t& width,
-                                             const uint16_t& height) {
-    return boundary("busSessionDomainRequest", requestFailed, [&] {
-        notice("%s: user: %s, domain: `%s', depth: %u, width: %u, height: %u", "busSessionDomainRequest", user.c_str(),
-               domain.c_str(), depth, width, height);
+void DBusService::busSessionDomainRequest(sdbus::Result<int32_t>&& result, std::string user, std::string domain,
+                                          std::string pass, uint8_t depth, uint16_t width, uint16_t height) {
+    const char* self = "busSessionDomainRequest";
+    answerAsync(self, std::move(result), requestFailed, [&](const ReplyPtr<int32_t>& reply) {
+        notice("%s: user: %s, domain: `%s', depth: %u, width: %u, height: %u", self, user.c_str(), domain.c_str(),
+               depth, width, height);
         auto args = defaultSessionArgs(user, pass, depth, width, height);
         args.domain = domain;
-        return requestAllowedSession(args);
+        const auto caller = callerName();
+        replyFromWorker(
+            self, reply, requestFailed,
+            [this, args = std::move(args), caller] { return requestAllowedSession(args, caller); },
+            throttleSlot(self, user, caller));
     });
 }
 
-int32_t DBusService::vexaSessionRequest(const std::string& params) {
-    return boundary("vexaSessionRequest", requestFailed, [&] {
-        const char* self = "vexaSessionRequest";
+int32_t DBusService::finishSessionRequest(const StartSessionArgs& args, const SessionRequest& request,
+                                          const std::string& caller) {
+    const char* self = "vexaSessionRequest";
+    SessionPtr session;
+    if (const int32_t reply = requestSession(args, caller, session); reply != 0) {
+        return reply;
+    }
+    sessions.locked([&](SessionRegistry::Map&) {
+        session->secNla = request.secNla.value_or(session->secNla);
+        session->secTls = request.secTls.value_or(session->secTls);
+        session->secRdp = request.secRdp.value_or(session->secRdp);
+        session->secAuth = request.secAuth.value_or(session->secAuth);
+        session->uizr = request.uizr;
+        session->user->domain = request.domain;
+        if (request.gusId) {
+            session->gusId = *request.gusId;
+        }
+        if (request.serverId) {
+            session->serverId = *request.serverId;
+        }
+        if (args.password) {
+            vexaCreateNTLMhashFile(session, *args.password, request.useNtlmv2);
+        }
+    });
+    debug("%s: sec:nla = `%s'", self, boolText(session->secNla));
+    debug("%s: sec:tls = `%s'", self, boolText(session->secTls));
+    debug("%s: sec:rdp = `%s'", self, boolText(session->secRdp));
+    debug("%s: sec:auth = `%s'", self, boolText(session->secAuth));
+    debug("%s: use:ntlmv2 = `%s'", self, boolText(request.useNtlmv2));
+    debug("%s: transport:run = `%s'", self, boolText(request.transportRun));
+    if (request.transportRun) {
+        allowConnection(*session);
+    }
+    return static_cast<int32_t>(session->sid);
+}
+
+void DBusService::vexaSessionRequest(sdbus::Result<int32_t>&& result, std::string params) {
+    const char* self = "vexaSessionRequest";
+    answerAsync(self, std::move(result), requestFailed, [&](const ReplyPtr<int32_t>& reply) {
+        // Parsing and the token check are quick: they run here, so their log lines keep their place.
         auto parsed = parseSessionRequest(params, [this](std::string_view name) { return programs.find(name); });
+        explicit_bzero(params.data(), params.size());
         if (!parsed.request) {
-            return parsed.reply;
+            sendReply(self, *reply, parsed.reply);
+            return;
         }
         auto& request = *parsed.request;
-
+        const auto caller = callerName();
         StartSessionArgs args;
         args.user = request.username;
         args.domain = request.domain;
@@ -147,7 +233,9 @@ int32_t DBusService::vexaSessionRequest(const std::string& params) {
             const auto accepted = consumeTransportToken(request.username, request.credentials.transportToken);
             if (!accepted.value_or(false)) {
                 error("%s: transport token not accepted, user: %s", self, request.username.c_str());
-                return requestFailed;
+                throttleOutcome(request.username, caller, false);
+                sendReply(self, *reply, requestFailed);
+                return;
             }
             args.noauth = true;
             break;
@@ -155,54 +243,31 @@ int32_t DBusService::vexaSessionRequest(const std::string& params) {
         case AuthMode::None:
             break;
         }
-
-        SessionPtr session;
-        if (const int32_t reply = requestSession(args, session); reply != 0) {
-            return reply;
-        }
-        sessions.locked([&](SessionRegistry::Map&) {
-            session->secNla = request.secNla.value_or(session->secNla);
-            session->secTls = request.secTls.value_or(session->secTls);
-            session->secRdp = request.secRdp.value_or(session->secRdp);
-            session->secAuth = request.secAuth.value_or(session->secAuth);
-            session->uizr = request.uizr;
-            session->user->domain = request.domain;
-            if (request.gusId) {
-                session->gusId = *request.gusId;
-            }
-            if (request.serverId) {
-                session->serverId = *request.serverId;
-            }
-            if (args.password) {
-                vexaCreateNTLMhashFile(session, *args.password, request.useNtlmv2);
-            }
-        });
-        debug("%s: sec:nla = `%s'", self, boolText(session->secNla));
-        debug("%s: sec:tls = `%s'", self, boolText(session->secTls));
-        debug("%s: sec:rdp = `%s'", self, boolText(session->secRdp));
-        debug("%s: sec:auth = `%s'", self, boolText(session->secAuth));
-        debug("%s: use:ntlmv2 = `%s'", self, boolText(request.useNtlmv2));
-        debug("%s: transport:run = `%s'", self, boolText(request.transportRun));
-        if (args.password) {
-            explicit_bzero(args.password->data(), args.password->size());
-        }
-
-        if (request.transportRun) {
-            allowConnection(*session);
-        }
-        return static_cast<int32_t>(session->sid);
+        const auto notBefore = args.password ? throttleSlot(self, args.user, caller) : WorkPool::Clock::time_point{};
+        replyFromWorker(
+            self, reply, requestFailed,
+            [this, args = std::move(args), request = std::move(request), caller]() mutable {
+                const int32_t answer = finishSessionRequest(args, request, caller);
+                if (args.password) {
+                    explicit_bzero(args.password->data(), args.password->size());
+                }
+                return answer;
+            },
+            notBefore);
     });
 }
 
-int32_t DBusService::busProgramRequest(const std::string& user, const std::string& domain, const std::string& pass,
-                                       const uint16_t& width, const uint16_t& height, const std::string& prog) {
-    return boundary("busProgramRequest", requestFailed, [&] {
-        notice("%s: user: %s, domain: `%s', width: %u, height: %u, program: `%s'", "busProgramRequest", user.c_str(),
-               domain.c_str(), width, height, prog.c_str());
+void DBusService::busProgramRequest(sdbus::Result<int32_t>&& result, std::string user, std::string domain,
+                                    std::string pass, uint16_t width, uint16_t height, std::string prog) {
+    const char* self = "busProgramRequest";
+    answerAsync(self, std::move(result), requestFailed, [&](const ReplyPtr<int32_t>& reply) {
+        notice("%s: user: %s, domain: `%s', width: %u, height: %u, program: `%s'", self, user.c_str(), domain.c_str(),
+               width, height, prog.c_str());
         const auto program = programs.find(prog);
         if (!program) {
-            error("%s: program not registered, name: %s", "busProgramRequest", prog.c_str());
-            return programUnknown;
+            error("%s: program not registered, name: %s", self, prog.c_str());
+            sendReply(self, *reply, programUnknown);
+            return;
         }
         auto args = defaultSessionArgs(user, pass, 24, width, height);
         args.domain = domain;
@@ -210,44 +275,62 @@ int32_t DBusService::busProgramRequest(const std::string& user, const std::strin
         args.args = program->args;
         // A published program is a session of its own kind, reused like any user session of the same name.
         args.mode = RunMode::UserSession;
-        return requestAllowedSession(args);
+        const auto caller = callerName();
+        replyFromWorker(
+            self, reply, requestFailed,
+            [this, args = std::move(args), caller] { return requestAllowedSession(args, caller); },
+            throttleSlot(self, user, caller));
     });
 }
 
-bool DBusService::vexaLogin(const std::string& user, const std::string& domain, const std::string& pass) {
-    return boundary("vexaLogin", false, [&] {
-        notice("%s: user: %s, domain: `%s'", "vexaLogin", user.c_str(), domain.c_str());
+void DBusService::vexaLogin(sdbus::Result<bool>&& result, std::string user, std::string domain, std::string pass) {
+    const char* self = "vexaLogin";
+    answerAsync(self, std::move(result), false, [&](const ReplyPtr<bool>& reply) {
+        notice("%s: user: %s, domain: `%s'", self, user.c_str(), domain.c_str());
         auto args = defaultSessionArgs(user, pass, 24, 1280, 1024);
         args.domain = domain;
-        SessionPtr session;
-        return requestSession(args, session) == 0;
+        const auto caller = callerName();
+        replyFromWorker(
+            self, reply, false,
+            [this, args = std::move(args), caller] {
+                SessionPtr session;
+                return requestSession(args, caller, session) == 0;
+            },
+            throttleSlot(self, user, caller));
     });
 }
 
-bool DBusService::vexaTestConnect(const std::string& user, const std::string& domain, const std::string& pass) {
-    return boundary("vexaTestConnect", false, [&] {
-        notice("%s: user: %s, domain: `%s'", "vexaTestConnect", user.c_str(), domain.c_str());
-        PamService pam(configuration()->getString("pam:service", "vexa"), user, pass);
-        return pam.checkAuthenticate();
+void DBusService::vexaTestConnect(sdbus::Result<bool>&& result, std::string user, std::string domain,
+                                  std::string pass) {
+    const char* self = "vexaTestConnect";
+    answerAsync(self, std::move(result), false, [&](const ReplyPtr<bool>& reply) {
+        notice("%s: user: %s, domain: `%s'", self, user.c_str(), domain.c_str());
+        const auto caller = callerName();
+        replyPasswordCheck(self, reply, configuration()->getString("pam:service", "vexa"), user, std::move(pass),
+                           caller);
     });
 }
 
-sdbus::Struct<int32_t, std::string> DBusService::vexaLoginHelperStart(const std::string& user,
-                                                                      const int32_t& transportPid) {
-    const sdbus::Struct<int32_t, std::string> failed(-1, std::string());
-    return boundary("vexaLoginHelperStart", failed, [&]() -> sdbus::Struct<int32_t, std::string> {
-        info("%s: user: %s, transport pid: %d", "vexaLoginHelperStart", user.c_str(), transportPid);
+void DBusService::vexaLoginHelperStart(sdbus::Result<sdbus::Struct<int32_t, std::string>>&& result, std::string user,
+                                       int32_t transportPid) {
+    using Display = sdbus::Struct<int32_t, std::string>;
+    const char* self = "vexaLoginHelperStart";
+    const Display failed(-1, std::string());
+    answerAsync(self, std::move(result), failed, [&](const ReplyPtr<Display>& reply) {
+        info("%s: user: %s, transport pid: %d", self, user.c_str(), transportPid);
         StartSessionArgs args;
         args.user = user;
         args.sessionName = "LoginSession";
         args.program = configuration()->getString("helper:login", "/usr/libexec/vexa/vexa_login_helper");
         args.args = {"--transport", std::to_string(transportPid)};
         args.mode = RunMode::LoginHelper;
-        const auto started = startSession(args);
-        if (!started.session) {
-            return {-1, std::string()};
-        }
-        return sdbus::Struct<int32_t, std::string>(started.session->display, started.session->xauthfile.string());
+        replyFromWorker(self, reply, failed, [this, args = std::move(args)]() -> Display {
+            const auto started = startSession(args);
+            if (!started.session) {
+                return {-1, std::string()};
+            }
+            return {started.session->display, started.session->xauthfile.string()};
+        });
     });
 }
 

@@ -13,6 +13,7 @@
 #include <libaudit.h>
 #include <systemd/sd-daemon.h>
 
+#include "common/events.h"
 #include "common/globals.h"
 #include "common/periodic_jobs.h"
 #include "common/utils.h"
@@ -129,7 +130,7 @@ void DBusService::start(const std::string& configPath) {
     } catch (const sdbus::Error& err) {
         // The bus is gone: stop as on SIGTERM, then report the failure.
         lostReason = err.what();
-        serviceRunning.store(false);
+        requestServiceStop();
     }
 
     watcher.join();
@@ -166,6 +167,10 @@ std::filesystem::path DBusService::createXauthFile(uint32_t display, const std::
 
 void DBusService::applyDefaults(const ServiceDefaults& next) {
     Syslog::setDebugLevel(next.debugLevel);
+    startPool.setLimit(next.startWorkers);
+    throttle.configure(ThrottleSettings{next.throttleFailures, std::chrono::seconds(next.throttleDelay),
+                                        std::chrono::seconds(next.throttleDelayMax),
+                                        std::chrono::seconds(next.throttleForget)});
     std::lock_guard guard(defaultsLock);
     serviceDefaults = next;
 }
@@ -238,13 +243,17 @@ void DBusService::watcherLoop() {
     });
     jobs.add("stoppedChildsWatcher", 600ms, [this] { stoppedChildsWatcher(); });
 
+    // Sleeps until the next job is due, or until the service is asked to stop.
+    const int stopFd = serviceStopFd();
     while (serviceRunning.load()) {
         jobs.runDue();
-        sleepFor(50ms);
+        Utils::waitReadable(std::span(&stopFd, 1), jobs.nextDue());
     }
 
     sd_notify(0, "STOPPING=1");
     emitSignal("signalVexaStopped", [this] { emitSignalVexaStopped(); });
+    // Starts under way end now (their waits see the stop); every call still queued is answered.
+    startPool.stop();
     sleepFor(250ms);
     loop.exit();
 }

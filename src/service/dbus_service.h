@@ -3,8 +3,9 @@
 // The service object: owns the configuration, the session registry and the child table, and serves the one
 // D-Bus object "/ru/kelvo/vexa". It is a thin facade: each operation unpacks its arguments, calls the
 // subsystem and packs the answer; operations are defined in per-subsystem files dbus_<area>.cpp.
-// Threads: D-Bus operations run on the main thread (EventLoop::run); the watcher thread runs the periodic
-// jobs; detached workers hold shared pointers to the sessions they use.
+// Threads: D-Bus operations run on the main thread (EventLoop::run) and never wait there: the methods that
+// wait (PAM, session starts) hand their work to the start workers (`startPool`) and are answered from there.
+// The watcher thread runs the periodic jobs; detached workers hold shared pointers to the sessions they use.
 
 #include <atomic>
 #include <condition_variable>
@@ -24,8 +25,10 @@
 #include <vexa_adaptor.h>
 
 #include "auth/admission.h"
+#include "auth/auth_throttle.h"
 #include "common/json_config.h"
 #include "common/logger.h"
+#include "common/work_pool.h"
 #include "event_loop.h"
 #include "limits/resource_limits.h"
 #include "programs/program_list.h"
@@ -35,6 +38,8 @@
 #include "session/service_defaults.h"
 #include "session/state.h"
 #include "start/session_manager.h"
+#include "start/session_request.h"
+#include "start/session_starter.h"
 
 namespace Vexa {
 
@@ -50,30 +55,7 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-// Arguments of a session start.
-struct StartSessionArgs {
-    std::string user;
-    std::string domain;
-    uint8_t depth = 24;
-    uint16_t width = 1280;
-    uint16_t height = 1024;
-    std::string sessionName;
-    std::string program;
-    std::list<std::string> args;
-    RunMode mode = RunMode::UserSessionRequest;
-    // The caller was accepted without a password (a transport's one-time token): PAM runs the service
-    // without authentication.
-    bool noauth = false;
-    // Checked by PAM in the session manager; absent only with `noauth` or for the login helper's session.
-    std::optional<std::string> password;
-};
-
-struct StartSessionResult {
-    std::shared_ptr<Session> session; // empty on refusal
-    StartStatus status = StartStatus::Success;
-};
-
-class DBusService : public Syslog, public sdbus::AdaptorInterfaces<ru::kelvo::vexa_adaptor> {
+class DBusService : public Syslog, public sdbus::AdaptorInterfaces<ru::kelvo::vexa_adaptor>, private StartSteps {
 public:
     DBusService(sdbus::IConnection& connection, const std::string& configPath, EventLoop& loop);
     ~DBusService() override;
@@ -111,8 +93,9 @@ public:
     // Called once when the dispatcher has stopped: drops every session and ends the children still running.
     void sessionsClear();
 
-    // Admits the user and starts (or hands out again) a session; blocks the calling thread until systemd-logind
-    // knows the new session and its bus is up (or those waits gave up). Never throws.
+    // Admits the user and starts (or hands out again) a session; blocks the calling thread (a start worker)
+    // until systemd-logind knows the new session and its bus is up (or those waits gave up, or the service
+    // stops). Never throws.
     StartSessionResult startSession(const StartSessionArgs& args);
 
     // Watcher: sessions whose session manager has exited leave the registry and are announced as ended.
@@ -133,23 +116,37 @@ private:
 
     void applyDefaults(const ServiceDefaults& next);
 
-    // Steps of the session start (session_start.cpp).
-    StartSessionResult startSessionSteps(const StartSessionArgs& args);
-    void reuseSession(Session& session, const std::string& xauthGroup);
-    bool launchSession(const SessionPtr& session, const StartSessionArgs& args, const JsonConfig& config,
-                       const ServiceDefaults& defs);
-    // Starts the session manager program with the plan on its standard input; its pid and the task that
-    // reaps it.
-    std::pair<pid_t, std::future<int>> runSessionManager(const Session* session, const SessionManagerPlan& plan);
-    StartSessionResult waitSessionStarted(const SessionPtr& session, uint32_t startTimeout);
-    uint32_t nextSessionId(const SessionRegistry::Map& map);
+    // Steps of the session start (session_start.cpp), for the starter.
+    bool checkPassword(const std::string& user, const std::string& password) override;
+    void reuse(Session& session) override;
+    StartSessionResult launch(const SessionPtr& session, const StartSessionArgs& args,
+                              const StartContext& context) override;
+    // The session manager of a session, started with the plan on its standard input.
+    struct SessionManagerProcess {
+        pid_t pid = -1;
+        std::shared_future<int> status; // its raw wait status, once it has ended
+        Utils::UniqueFd channel;        // what it writes back (sessionOpenedNote)
+    };
+    SessionManagerProcess runSessionManager(const Session* session, const SessionManagerPlan& plan);
+    bool prepareSession(const SessionPtr& session, const StartSessionArgs& args, const JsonConfig& config,
+                        const ServiceDefaults& defs, SessionManagerPlan& plan);
+    StartSessionResult waitSessionStarted(const SessionPtr& session, SessionManagerProcess& manager,
+                                          uint32_t startTimeout);
+    // The address of the session's own bus: empty when it did not come up (warned), nullopt when the service
+    // stops meanwhile.
+    std::optional<std::string> waitSessionBus(const SessionPtr& session, int managerEnded);
     void applyFileLimits(const SessionPtr& session);
     void announceSessionEnd(SessionPtr session);
 
-    // Session requests (dbus_requests.cpp): 0 and the session, or the request's negative reply.
-    int32_t requestSession(const StartSessionArgs& args, SessionPtr& session);
+    // Session requests (dbus_requests.cpp), run by a start worker: 0 and the session, or the request's negative
+    // reply. A password refused by PAM counts against `caller` and the user in the throttle.
+    int32_t requestSession(const StartSessionArgs& args, const std::string& caller, SessionPtr& session);
+    // The rest of a vexaSessionRequest on its worker: the start, the request's values stored in the session, the
+    // proxy told; the session id or the reply.
+    int32_t finishSessionRequest(const StartSessionArgs& args, const SessionRequest& request,
+                                 const std::string& caller);
     // requestSession, then the proxy is told to let the connection through; the session id or the reply.
-    int32_t requestAllowedSession(const StartSessionArgs& args);
+    int32_t requestAllowedSession(const StartSessionArgs& args, const std::string& caller);
     void allowConnection(const Session& session);
     // Arguments of the administrative requests: "DefaultSession", the configured or default session program.
     StartSessionArgs defaultSessionArgs(const std::string& user, const std::string& pass, uint8_t depth, uint16_t width,
@@ -167,6 +164,82 @@ private:
 
     // Runs `work` on a detached thread that the stop sequence waits for.
     void startWorker(std::function<void()> work);
+
+    // The unique bus name of the caller of the call being dispatched (D-Bus thread only).
+    std::string callerName() const;
+    // The throttle's slot for an attempt of `user` by `caller`; logs when the attempt is delayed.
+    WorkPool::Clock::time_point throttleSlot(const char* method, const std::string& user, const std::string& caller);
+    // The outcome of a password check for the throttle; logs when it engages or releases.
+    void throttleOutcome(const std::string& user, const std::string& caller, bool accepted);
+    // Answers `reply` from a start worker with a password check of `user` through the PAM service, counted by
+    // the throttle.
+    template <typename Value>
+    class PendingReply;
+    void replyPasswordCheck(const char* method, const std::shared_ptr<PendingReply<bool>>& reply,
+                            const std::string& service, const std::string& user, std::string pass,
+                            const std::string& caller);
+    // A password check through PAM in a process of its own (start/session_manager.h).
+    bool checkPasswordWith(const std::string& service, const std::string& user, const std::string& password);
+
+    // The reply of an asynchronous call, sent once from whichever thread has the answer.
+    template <typename Value>
+    class PendingReply {
+    public:
+        explicit PendingReply(sdbus::Result<Value>&& call) : result(std::move(call)) {}
+        // False when a reply went already.
+        bool send(const Value& value) {
+            if (sent.exchange(true)) {
+                return false;
+            }
+            result.returnResults(value);
+            return true;
+        }
+
+    private:
+        sdbus::Result<Value> result;
+        std::atomic<bool> sent{false};
+    };
+    template <typename Value>
+    using ReplyPtr = std::shared_ptr<PendingReply<Value>>;
+
+    // The boundary of an asynchronous call: `body` gets the pending reply and either answers it or hands it to
+    // replyFromWorker. An exception is logged and answered with `failure` (unless the reply went already).
+    template <typename Value, typename Body>
+    void answerAsync(const char* method, sdbus::Result<Value>&& result, Value failure, Body&& body) noexcept {
+        ReplyPtr<Value> reply;
+        try {
+            reply = std::make_shared<PendingReply<Value>>(std::move(result));
+            std::forward<Body>(body)(reply);
+        } catch (const std::exception& err) {
+            error("%s: exception: %s", method, err.what());
+            if (reply) {
+                sendReply(method, *reply, failure);
+            }
+        }
+    }
+    // `work` runs on a start worker (not before `notBefore`) inside the boundary; its value, or `failure`, is
+    // the reply. When the workers take no more work (the service stops) the reply is `failure` at once.
+    template <typename Value, typename Work>
+    void replyFromWorker(const char* method, const ReplyPtr<Value>& reply, Value failure, Work work,
+                         WorkPool::Clock::time_point notBefore = {}) {
+        auto job = [this, method, reply, failure, work = std::move(work)]() mutable {
+            sendReply(method, *reply, boundary(method, failure, work));
+        };
+        if (!startPool.submit(std::move(job), notBefore)) {
+            error("%s: service stopping", method);
+            sendReply(method, *reply, failure);
+        }
+    }
+    // Sends a reply from any thread and wakes the dispatcher so that it goes out at once.
+    template <typename Value>
+    void sendReply(const char* method, PendingReply<Value>& reply, const Value& value) noexcept {
+        try {
+            reply.send(value);
+        } catch (const std::exception& err) {
+            error("%s: exception: %s", method, err.what());
+        }
+        loop.wake();
+    }
 
     // Where the program list comes from: "session:programs" and "applications:skip" of a configuration.
     struct ProgramSources {
@@ -236,17 +309,18 @@ private:
     std::string vexaTransportDisplayDBusAddress(const uint32_t& display) override;
 
     // Session requests and login helper (dbus_requests.cpp)
-    int32_t busSessionRequest(const std::string& user, const std::string& pass, const uint8_t& depth,
-                              const uint16_t& width, const uint16_t& height) override;
-    int32_t busSessionDomainRequest(const std::string& user, const std::string& domain, const std::string& pass,
-                                    const uint8_t& depth, const uint16_t& width, const uint16_t& height) override;
-    int32_t vexaSessionRequest(const std::string& params) override;
-    int32_t busProgramRequest(const std::string& user, const std::string& domain, const std::string& pass,
-                              const uint16_t& width, const uint16_t& height, const std::string& prog) override;
-    bool vexaLogin(const std::string& user, const std::string& domain, const std::string& pass) override;
-    bool vexaTestConnect(const std::string& user, const std::string& domain, const std::string& pass) override;
-    sdbus::Struct<int32_t, std::string> vexaLoginHelperStart(const std::string& user,
-                                                             const int32_t& transportPid) override;
+    // These wait (PAM, a session start): answered from a start worker.
+    void busSessionRequest(sdbus::Result<int32_t>&& result, std::string user, std::string pass, uint8_t depth,
+                           uint16_t width, uint16_t height) override;
+    void busSessionDomainRequest(sdbus::Result<int32_t>&& result, std::string user, std::string domain,
+                                 std::string pass, uint8_t depth, uint16_t width, uint16_t height) override;
+    void vexaSessionRequest(sdbus::Result<int32_t>&& result, std::string params) override;
+    void busProgramRequest(sdbus::Result<int32_t>&& result, std::string user, std::string domain, std::string pass,
+                           uint16_t width, uint16_t height, std::string prog) override;
+    void vexaLogin(sdbus::Result<bool>&& result, std::string user, std::string domain, std::string pass) override;
+    void vexaTestConnect(sdbus::Result<bool>&& result, std::string user, std::string domain, std::string pass) override;
+    void vexaLoginHelperStart(sdbus::Result<sdbus::Struct<int32_t, std::string>>&& result, std::string user,
+                              int32_t transportPid) override;
     std::string vexaLoginHelperStarted(const int32_t& transportPid) override;
     void vexaLoginHelperAllowConnectForTransportTo(const int32_t& transportPid, const int32_t& x11Display,
                                                    const std::string& xauthFile) override;
@@ -334,7 +408,8 @@ private:
     void vexaSessionDisconnectedFreeze(const int32_t& session, const bool& val) override;
 
     // Credentials (dbus_auth.cpp)
-    bool vexaCheckAuthUser(const std::string& user, const std::string& pass, const std::string& service) override;
+    void vexaCheckAuthUser(sdbus::Result<bool>&& result, std::string user, std::string pass,
+                           std::string service) override;
     bool vexaCheckAuthCertificate(const std::string& pemcert) override;
 
     // Published programs (dbus_programs.cpp)
@@ -377,8 +452,12 @@ private:
     std::atomic<int64_t> programsModified{0}; // last seen modification time (s) of the programs file
 
     SessionRegistry sessions;
-    uint32_t lastSessionId = 0; // guarded by the sessions lock: the id handed out last
+    SessionStarter starter{sessions, *this};
     ChildTable children;
+    // The start workers: session starts and password checks. Sized by "start:workers" (read at start and at
+    // every reload); stopped, with every queued call answered, by the stop sequence.
+    WorkPool startPool{"startWorker", 8};
+    AuthThrottle throttle; // failed logins per user and per caller; thread-safe
 
     std::mutex workersLock; // guards `workersRunning`
     std::condition_variable workersDone;

@@ -14,10 +14,10 @@
 
 namespace {
 
-// Only clears the running flag: the watcher thread notices it and stops the service.
+// Only asks the service to stop: the watcher thread wakes and runs the stop sequence.
 void signalHandler(int sig) {
     if (sig == SIGTERM || sig == SIGINT) {
-        Vexa::serviceRunning.store(false);
+        Vexa::requestServiceStop();
     }
 }
 

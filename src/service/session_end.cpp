@@ -32,6 +32,14 @@ void DBusService::stoppedChildsWatcher() {
             if (child.status.wait_for(0ms) != std::future_status::ready) {
                 continue;
             }
+            // A session that ends while it starts is its start's to take out and to answer for; it was never
+            // announced, so its end is not either. The child is looked at again once that start is over.
+            const bool starting = std::any_of(map.begin(), map.end(), [&](const auto& entry) {
+                return entry.second->pid2 == child.pid && starter.startingLocked(entry.first);
+            });
+            if (starting) {
+                continue;
+            }
             const int status = child.status.get();
             child.status = {};
             Utils::syslogWaitStatus(status, "stoppedChildsWatcher", child.pid);

@@ -1,11 +1,14 @@
-// The start of a session: admission, the session record, the session manager process, and the waits for
-// systemd-logind and for the session's own bus.
+// The start of a session, the service's side: the steps the starter (start/session_starter.h) leaves to it —
+// the run-time directory, the X authority file, the session manager process — and the waits for systemd-logind
+// and for the session's own bus. Every wait ends on an event (the session manager's note, logind's change, the
+// session manager's end, a new file, the service's stop), not at the next step of a poll.
 
+#include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -14,12 +17,13 @@
 
 #include <systemd/sd-login.h>
 
+#include "common/events.h"
+#include "common/globals.h"
 #include "common/process.h"
 #include "common/utils.h"
 #include "common/vexa_error.h"
 #include "dbus_service.h"
 #include "limits/systemctl.h"
-#include "start/pam_service.h"
 #include "start/session_manager.h"
 #include "start/xserver.h"
 
@@ -33,67 +37,62 @@ namespace {
 constexpr const char* self = "startSession";
 constexpr int auditUserLogin = 1198;
 
-// Fixed limits of a session that shows the login screen.
-constexpr uint32_t loginDurationLimit = 300;
-constexpr uint32_t loginInactivityLimit = 60;
-constexpr uint32_t loginDisconnectLimit = 30;
+// However quiet the events, a wait looks again this often: a missed one costs no more than that.
+constexpr auto recheck = 500ms;
 
 struct CFree {
     void operator()(char* text) const noexcept { std::free(text); }
 };
 using CText = std::unique_ptr<char, CFree>;
 
-// The environment of the session manager: the daemon's own, without what belongs to the service manager's
-// conversation with the daemon.
-std::vector<std::string> sessionManagerEnvironment() {
-    std::vector<std::string> env;
-    for (char** entry = environ; entry && *entry; ++entry) {
-        const std::string_view text(*entry);
-        if (!text.starts_with("NOTIFY_SOCKET=") && !text.starts_with("LISTEN_") && !text.starts_with("WATCHDOG_")) {
-            env.emplace_back(text);
-        }
+struct MonitorUnref {
+    void operator()(sd_login_monitor* monitor) const noexcept { sd_login_monitor_unref(monitor); }
+};
+
+// logind's changes of sessions, watched by the calling thread (a start worker) for its whole life: a monitor
+// is an inotify instance, whose closing would cost every start some milliseconds. Null when logind cannot be
+// watched (then the wait looks at every recheck). Emptied of what an earlier start of this thread left.
+sd_login_monitor* sessionMonitor() {
+    static thread_local const auto monitor = [] {
+        sd_login_monitor* made = nullptr;
+        return std::unique_ptr<sd_login_monitor, MonitorUnref>(sd_login_monitor_new("session", &made) < 0 ? nullptr
+                                                                                                          : made);
+    }();
+    if (monitor) {
+        sd_login_monitor_flush(monitor.get());
     }
-    return env;
+    return monitor.get();
 }
 
-bool sendAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t sent = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
-        if (sent < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        text.remove_prefix(static_cast<size_t>(sent));
-    }
-    return true;
-}
-
+// The address in the session script's file, once its line is complete (ends in a newline); empty before.
 std::string readAddress(const fs::path& path) {
-    std::ifstream in(path);
-    std::string line;
-    std::getline(in, line);
-    return line;
+    std::ifstream in(path, std::ios::binary);
+    const std::string text((std::istreambuf_iterator<char>(in)), {});
+    const auto end = text.find('\n');
+    return end == std::string::npos ? std::string() : text.substr(0, end);
 }
 
 } // namespace
-
-uint32_t DBusService::nextSessionId(const SessionRegistry::Map& map) {
-    // Ids are handed out in turn from a counter that lives as long as the service, skipping 0 and every id
-    // still registered; a session id is therefore not reused while the service runs unless the counter wraps.
-    // The logind session number is not used: it is known only after the record is registered.
-    do {
-        ++lastSessionId;
-    } while (lastSessionId == 0 || map.contains(lastSessionId));
-    return lastSessionId;
-}
 
 StartSessionResult DBusService::startSession(const StartSessionArgs& args) {
     notice("%s: depth: %u, width: %u, height: %u, username: `%s', session: `%s'", self, args.depth, args.width,
            args.height, args.user.c_str(), args.sessionName.c_str());
     try {
-        return startSessionSteps(args);
+        StartContext context;
+        context.config = configuration();
+        context.defaults = defaults();
+        const auto& config = *context.config;
+        context.policy.sessionsLimit = apiSessionsLimit.load() ? static_cast<int32_t>(apiSessionsLimit.load())
+                                                               : config.getInteger("sessions:limit", 1000);
+        context.policy.usersLimit = config.getInteger("users:limit", 200);
+        context.policy.apiUsersLimit = apiUsersLimit.load();
+        if (config.hasValue("groups:allow")) {
+            context.policy.groupsAllow = config.getVectorList("groups:allow");
+        }
+        context.policy.shadowPolicy = context.defaults.shadowPolicy;
+        context.lookups = AdmissionLookups::system();
+        context.runtimeTemplate = config.getString("runtime:xdg", "/run/user/%{uid}");
+        return starter.start(args, context);
     } catch (const std::system_error& err) {
         error("%s: system error: %s", self, err.what());
     } catch (const std::exception& err) {
@@ -102,129 +101,44 @@ StartSessionResult DBusService::startSession(const StartSessionArgs& args) {
     return {nullptr, StartStatus::StartFailed};
 }
 
-StartSessionResult DBusService::startSessionSteps(const StartSessionArgs& args) {
-    // A user session is never opened on the strength of a bus call alone: the caller proves the user with a
-    // password (checked by PAM) or with a transport token that was already accepted.
-    if (args.mode != RunMode::LoginHelper && !args.noauth && !args.password) {
-        error("%s: no password and no accepted transport token, user: %s", self, args.user.c_str());
-        return {nullptr, StartStatus::StartFailed};
-    }
-    const auto config = configuration();
-    const auto defs = defaults();
-
-    AdmissionPolicy policy;
-    policy.sessionsLimit = apiSessionsLimit.load() ? static_cast<int32_t>(apiSessionsLimit.load())
-                                                   : config->getInteger("sessions:limit", 1000);
-    policy.usersLimit = config->getInteger("users:limit", 200);
-    policy.apiUsersLimit = apiUsersLimit.load();
-    if (config->hasValue("groups:allow")) {
-        policy.groupsAllow = config->getVectorList("groups:allow");
-    }
-    policy.shadowPolicy = defs.shadowPolicy;
-    const auto lookups = AdmissionLookups::system();
-    const AdmissionRequest request{args.user, args.sessionName, args.mode};
-    const auto runtimeTemplate = config->getString("runtime:xdg", "/run/user/%{uid}");
-
-    // One critical section from admission to registration: the limits, the reuse lookup and the display
-    // choice all see the same registry, and the chosen display is taken before anyone else can choose it.
-    StartStatus status = StartStatus::Success;
-    SessionPtr session;
-    bool reused = false;
-    sessions.locked([&](SessionRegistry::Map& map) {
-        std::vector<RegisteredSession> registered;
-        std::vector<int32_t> displays;
-        for (const auto& [id, entry] : map) {
-            registered.push_back(
-                {id, entry->user ? entry->user->name : std::string(), entry->xsessionName, entry->display});
-            displays.push_back(entry->display);
-        }
-        auto admitted = admitAccount(request, registered, policy, lookups);
-        status = admitted.status;
-        if (status != StartStatus::Success) {
-            return;
-        }
-        if (admitted.reuse) {
-            session = map.at(*admitted.reuse);
-            reused = true;
-            return;
-        }
-        if (args.mode != RunMode::LoginHelper && policy.shadowPolicy) {
-            status = checkShadowPolicy(args.user, lookups, daysSinceEpoch());
-            if (status != StartStatus::Success) {
-                return;
-            }
-        }
-
-        // Sessions of one user share one user record.
-        std::shared_ptr<UserEx> user;
-        for (const auto& [id, entry] : map) {
-            if (entry->user && entry->user->name == args.user) {
-                user = entry->user;
-                break;
-            }
-        }
-        if (!user) {
-            user = std::make_shared<UserEx>(*admitted.user);
-            user->runtimedir = Utils::stringReplace(runtimeTemplate, "%{uid}", std::to_string(user->uid));
-        }
-        user->domain = args.domain;
-
-        session = std::make_shared<Session>(nextSessionId(map), user, defs);
-        session->display = static_cast<int32_t>(chooseDisplay(defs.displayStart, displays));
-        session->xsessionName = args.sessionName;
-        session->xsessionProg = args.program;
-        session->xsessionArgs = args.args;
-        if (args.mode == RunMode::LoginHelper) {
-            session->loginMode = true;
-            session->durationLimit = loginDurationLimit;
-            session->inactivityLimit = loginInactivityLimit;
-            session->disconnectLimit = loginDisconnectLimit;
-        }
-        map.emplace(session->sid, session);
-    });
-
-    if (status != StartStatus::Success) {
-        return {nullptr, status};
-    }
-    if (reused) {
-        // The running session is handed out only to a caller who proves the user again.
-        if (args.password &&
-            !PamService(config->getString("pam:service", "vexa"), args.user, *args.password).checkAuthenticate()) {
-            error("%s: pam checkAuthenticate failed, user: %s", self, args.user.c_str());
-            return {nullptr, StartStatus::StartFailed};
-        }
-        reuseSession(*session, config->getString("xauth:group", "vexa-xauth"));
-        return {session, StartStatus::Success};
-    }
-
-    // From here on the session is registered: a refusal takes it out again, and its destructor ends what was
-    // started for it.
-    StartSessionResult result{nullptr, StartStatus::StartFailed};
-    try {
-        if (launchSession(session, args, *config, defs)) {
-            result = waitSessionStarted(session, defs.startTimeout);
-        }
-    } catch (...) {
-        sessions.remove(session->sid);
-        throw;
-    }
-    if (!result.session) {
-        sessions.remove(session->sid);
-    }
-    return result;
+bool DBusService::checkPasswordWith(const std::string& service, const std::string& user, const std::string& password) {
+    PasswordCheck check{user, service, password, defaults().debugLevel};
+    const bool accepted = checkPasswordProcess(sessionManagerProgram, check, serviceStopFd());
+    explicit_bzero(check.password.data(), check.password.size());
+    return accepted;
 }
 
-void DBusService::reuseSession(Session& session, const std::string& xauthGroup) {
+bool DBusService::checkPassword(const std::string& user, const std::string& password) {
+    return checkPasswordWith(configuration()->getString("pam:service", "vexa"), user, password);
+}
+
+void DBusService::reuse(Session& session) {
     session.sessionFreeze(false);
     // The display keeps its size: the X server was started with the size of the first request.
     std::error_code ec;
     fs::permissions(session.xauthfile, fs::perms(0640), fs::perm_options::replace, ec);
-    Utils::setOwner(session.xauthfile, session.user ? session.user->name : std::string(), xauthGroup);
+    Utils::setOwner(session.xauthfile, session.user ? session.user->name : std::string(),
+                    configuration()->getString("xauth:group", "vexa-xauth"));
     debug("%s: ref count user session id: %u", self, static_cast<unsigned>(session.user.use_count()));
 }
 
-bool DBusService::launchSession(const SessionPtr& session, const StartSessionArgs& args, const JsonConfig& config,
-                                const ServiceDefaults& defs) {
+StartSessionResult DBusService::launch(const SessionPtr& session, const StartSessionArgs& args,
+                                       const StartContext& context) {
+    SessionManagerPlan plan;
+    if (!prepareSession(session, args, *context.config, context.defaults, plan)) {
+        return {nullptr, StartStatus::StartFailed};
+    }
+    auto manager = runSessionManager(session.get(), plan);
+    sessions.locked([&session, pid = manager.pid](SessionRegistry::Map&) { session->pid2 = pid; });
+    {
+        std::lock_guard guard(children.lock);
+        children.entries.push_back(ChildEntry{manager.pid, manager.status});
+    }
+    return waitSessionStarted(session, manager, context.defaults.startTimeout);
+}
+
+bool DBusService::prepareSession(const SessionPtr& session, const StartSessionArgs& args, const JsonConfig& config,
+                                 const ServiceDefaults& defs, SessionManagerPlan& plan) {
     const auto& user = *session->user;
     const auto display = static_cast<uint32_t>(session->display);
 
@@ -240,8 +154,9 @@ bool DBusService::launchSession(const SessionPtr& session, const StartSessionArg
     }
 
     session->xauthfile = createXauthFile(display, user.name);
+    // An address file left by a session of an earlier run of the service would be taken for this one's.
+    fs::remove(session->dbusSessionPath(), ec);
 
-    SessionManagerPlan plan;
     plan.sessionId = session->sid;
     plan.user = user.name;
     plan.pamService = args.noauth ? "vexa-noauth" : config.getString("pam:service", "vexa");
@@ -280,77 +195,33 @@ bool DBusService::launchSession(const SessionPtr& session, const StartSessionArg
         plan.program = config.getString("helper:kiosk", "/usr/libexec/vexa/vexa_kiosk");
         plan.args.clear();
     }
-
-    auto [pid, waiter] = runSessionManager(session.get(), plan);
-    sessions.locked([&session, pid = pid](SessionRegistry::Map&) { session->pid2 = pid; });
-    {
-        std::lock_guard guard(children.lock);
-        children.entries.push_back(ChildEntry{pid, waiter.share()});
-    }
     return true;
 }
 
-std::pair<pid_t, std::future<int>> DBusService::runSessionManager(const Session* session,
+DBusService::SessionManagerProcess DBusService::runSessionManager(const Session* session,
                                                                   const SessionManagerPlan& plan) {
     if (!session) {
         error("%s: session null", "runSessionManager");
         throw std::runtime_error("runSessionManager: session null");
     }
     std::string text = encodePlan(plan);
-    const auto envStrings = sessionManagerEnvironment();
-    std::vector<const char*> envp;
-    envp.reserve(envStrings.size() + 1);
-    for (const auto& entry : envStrings) {
-        envp.push_back(entry.c_str());
-    }
-    envp.push_back(nullptr);
-    const char* const argv[] = {sessionManagerProgram, nullptr};
-
-    int channel[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel) != 0) {
-        const int err = errno;
-        explicit_bzero(text.data(), text.size());
-        error("%s: %s failed, error: %s, code: %d", "runSessionManager", "socketpair", Utils::errnoText(err).c_str(),
-              err);
-        throw vexa_error("runSessionManager");
-    }
-    const pid_t pid = fork();
-    if (pid == 0) {
-        // Only async-signal-safe calls until the new program runs.
-        sigset_t none;
-        sigemptyset(&none);
-        pthread_sigmask(SIG_SETMASK, &none, nullptr);
-        signal(SIGPIPE, SIG_DFL);
-        if (dup2(channel[1], STDIN_FILENO) < 0) {
-            _exit(127);
-        }
-        close_range(3, ~0U, 0);
-        execve(argv[0], const_cast<char* const*>(argv), const_cast<char* const*>(envp.data()));
-        _exit(127);
-    }
-    const int forkErr = errno;
-    close(channel[1]);
-    if (pid < 0) {
-        close(channel[0]);
-        explicit_bzero(text.data(), text.size());
-        error("%s: %s failed, error: %s, code: %d", "runSessionManager", "fork", Utils::errnoText(forkErr).c_str(),
-              forkErr);
-        throw vexa_error("runSessionManager");
-    }
-    // The plan (password included) goes through the socket only; a session manager that died early makes
-    // this fail, and the logind wait then sees it gone.
-    sendAll(channel[0], text);
-    explicit_bzero(text.data(), text.size());
-    close(channel[0]);
-    return {pid, Utils::waitChildBack(pid)};
+    auto started = startSessionManagerProgram(sessionManagerProgram, {}, text);
+    return {started.pid, Utils::waitChildBack(started.pid).share(), std::move(started.channel)};
 }
 
-StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, uint32_t startTimeout) {
+StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, SessionManagerProcess& manager,
+                                                   uint32_t startTimeout) {
     const auto display = static_cast<uint32_t>(session->display);
-    const pid_t pid2 = session->pid2;
+    const pid_t pid2 = manager.pid;
+    const auto ended = Utils::processFd(pid2);
+    auto* const monitor = sessionMonitor();
+    const auto failed = [](bool authFailed = false) {
+        return StartSessionResult{nullptr, StartStatus::StartFailed, authFailed};
+    };
 
-    // systemd-logind knows the session once the PAM session of the session manager is open.
-    const auto begin = std::chrono::steady_clock::now();
+    // systemd-logind knows the session once the session manager's PAM session is open; the session manager
+    // says so on its channel. logind's own changes and the session manager's end wake the wait as well.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(startTimeout);
     CText sid;
     while (true) {
         char* text = nullptr;
@@ -362,14 +233,36 @@ StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, ui
         if (res != -ENODATA) {
             error("%s: %s failed, error: %s, code: %d", self, "sd_pid_get_session", Utils::errnoText(-res).c_str(),
                   -res);
-            return {nullptr, StartStatus::StartFailed};
+            return failed();
         }
-        if (std::chrono::steady_clock::now() - begin > std::chrono::seconds(startTimeout)) {
+        if (std::chrono::steady_clock::now() > deadline) {
             error("%s: systemd failed, display: %u, expired start session timeout: u", self, display);
-            return {nullptr, StartStatus::StartFailed};
+            return failed();
         }
-        std::this_thread::sleep_for(50ms);
+        const std::array<int, 4> fds{manager.channel.get(), monitor ? sd_login_monitor_get_fd(monitor) : -1,
+                                     ended.get(), serviceStopFd()};
+        const auto woken =
+            Utils::waitReadable(fds, std::min(deadline + 1ms, std::chrono::steady_clock::now() + recheck));
+        if (woken == 0) {
+            char note[64];
+            if (recv(manager.channel.get(), note, sizeof(note), MSG_DONTWAIT) <= 0) {
+                manager.channel.reset(); // ended: a closed channel stays readable
+            }
+        } else if (woken == 1) {
+            sd_login_monitor_flush(monitor);
+        } else if (woken == 2) {
+            // The session manager ended before logind knew it (a refused password, a refused account, a failed
+            // PAM session). It is reaped by now or soon; its pid is not asked about again, as it may be reused.
+            const int status = manager.status.get();
+            error("%s: %s failed, error: %s, code: %d", self, "sd_pid_get_session", Utils::errnoText(ESRCH).c_str(),
+                  ESRCH);
+            return failed(WIFEXITED(status) && WEXITSTATUS(status) == exitAuthFailed);
+        } else if (woken == 3) {
+            error("%s: service stopping, session id: %u, display: %u", self, session->sid, display);
+            return failed();
+        }
     }
+    manager.channel.reset();
 
     const std::string sidText(sid.get());
     const int number = std::stoi(sidText);
@@ -401,32 +294,15 @@ StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, ui
 
     auditUserMessage(display, "", auditUserLogin, "VEXA:SessionLogin", session->user->name, true);
 
-    // The session script writes the address of the session's bus once the bus is up.
-    const auto busFile = session->dbusSessionPath();
-    std::string address;
-    const auto busBegin = std::chrono::steady_clock::now();
-    while (true) {
-        if (!Utils::processRunning(pid2)) {
-            warning("%s: Session not running, session id: %u, display: %u, session: `%s'", self, session->sid, display,
-                    session->xsessionName.c_str());
-            break;
-        }
-        std::error_code ec;
-        if (fs::exists(busFile, ec)) {
-            address = readAddress(busFile);
-            break;
-        }
-        if (std::chrono::steady_clock::now() - busBegin > 5s) {
-            warning("%s: DBUS failed, get session timeout, session id: %u, display: %u", self, session->sid, display);
-            break;
-        }
-        std::this_thread::sleep_for(100ms);
+    const auto address = waitSessionBus(session, ended.get());
+    if (!address) {
+        return failed();
     }
-    if (!address.empty()) {
-        sessions.locked([&](SessionRegistry::Map&) { session->dbusAddress = address; });
+    if (!address->empty()) {
+        sessions.locked([&](SessionRegistry::Map&) { session->dbusAddress = *address; });
     }
     debug("%s: session id: %u, display: %u, dbus address: `%s'", self, session->sid, display,
-          address.empty() ? "NOT FOUND" : address.c_str());
+          address->empty() ? "NOT FOUND" : address->c_str());
 
     // Limits of the limits file and the announcement, off the caller's thread.
     startWorker([this, session] {
@@ -436,6 +312,30 @@ StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, ui
     });
 
     return {session, StartStatus::Success};
+}
+
+std::optional<std::string> DBusService::waitSessionBus(const SessionPtr& session, int managerEnded) {
+    const auto display = static_cast<uint32_t>(session->display);
+    // The session script writes the address of the session's bus once the bus is up; a line without its
+    // newline is still being written.
+    const auto busFile = session->dbusSessionPath();
+    std::string address;
+    const auto found = [&] {
+        address = readAddress(busFile);
+        return !address.empty();
+    };
+    const std::array<int, 2> wake{managerEnded, serviceStopFd()};
+    const auto waited = Utils::waitForPath(busFile, found, std::chrono::steady_clock::now() + 5s, wake, recheck);
+    if (waited.outcome == Utils::PathWait::Timeout) {
+        warning("%s: DBUS failed, get session timeout, session id: %u, display: %u", self, session->sid, display);
+    } else if (waited.outcome == Utils::PathWait::Woken && waited.woken == 0) {
+        warning("%s: Session not running, session id: %u, display: %u, session: `%s'", self, session->sid, display,
+                session->xsessionName.c_str());
+    } else if (waited.outcome == Utils::PathWait::Woken) {
+        error("%s: service stopping, session id: %u, display: %u", self, session->sid, display);
+        return std::nullopt;
+    }
+    return address;
 }
 
 } // namespace Vexa

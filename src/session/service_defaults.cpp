@@ -1,5 +1,6 @@
 #include "service_defaults.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "redirect_policy.h"
@@ -36,6 +37,11 @@ ServiceDefaults loadServiceDefaults(const JsonConfig& config) {
     d.shadowPolicy = config.getBoolean("shadow:policy", false);
     d.displayStart = static_cast<uint32_t>(std::llabs(static_cast<long long>(config.getInteger("display:start", 101))));
     d.runtimeDir = config.getString("runtime:dir", "/run/vexa");
+    d.startWorkers = std::clamp<uint32_t>(number("start:workers", 8), 1, 64);
+    d.throttleFailures = number("auth:throttle:failures", 3);
+    d.throttleDelay = number("auth:throttle:delay", 2);
+    d.throttleDelayMax = number("auth:throttle:delay:max", 30);
+    d.throttleForget = number("auth:throttle:forget", 300);
     return d;
 }
 

@@ -42,6 +42,11 @@ struct ServiceDefaults {
     bool shadowPolicy = false;
     uint32_t displayStart = 101;
     std::filesystem::path runtimeDir = "/run/vexa";
+    uint32_t startWorkers = 8;      // session starts and password checks at once (1 to 64)
+    uint32_t throttleFailures = 3;  // failed logins of a user or caller before the next are delayed; 0: never
+    uint32_t throttleDelay = 2;     // s, the first delay; it doubles with every further failure
+    uint32_t throttleDelayMax = 30; // s
+    uint32_t throttleForget = 300;  // s without a failure after which failures are forgotten
 };
 
 // Reads the keys in their documented order. Integers are stored as read (a negative value becomes a large

@@ -5,6 +5,9 @@
 #include <cstring>
 #include <grp.h>
 #include <memory>
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,6 +29,8 @@ namespace {
 constexpr const char* self = "runSessionManager";
 
 volatile sig_atomic_t stopRequested = 0;
+// Readable once a stop was requested, for waits that must end then; made before the handler can run.
+const int stopEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 
 Json::Value listValue(const std::list<std::string>& items) {
     Json::Value list(Json::arrayValue);
@@ -104,6 +109,15 @@ int waitChild(pid_t pid, bool forwardStop) {
     return status;
 }
 
+// One line of JSON, bytes as they are: the default writer would replace bytes that are not UTF-8 (a password
+// may hold them) with U+FFFD.
+std::string compactText(const Json::Value& json) {
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    writer["emitUTF8"] = true;
+    return Json::writeString(writer, json);
+}
+
 std::string joinCommand(const SessionManagerPlan& plan) {
     std::string text = std::string(xsessionScript) + " " + plan.program.string();
     for (const auto& arg : plan.args) {
@@ -118,6 +132,8 @@ void signalHandlerSessionManager(int sig) {
     // SIGCHLD only wakes the wait for a child.
     if (sig == SIGTERM || sig == SIGINT || sig == SIGHUP) {
         stopRequested = 1;
+        const uint64_t one = 1;
+        [[maybe_unused]] const auto written = write(stopEvent, &one, sizeof(one));
     }
 }
 
@@ -144,12 +160,7 @@ std::string encodePlan(const SessionManagerPlan& plan) {
     json["args"] = listValue(plan.args);
     json["keyboard"] = plan.onScreenKeyboard;
     json["debug:level"] = plan.debugLevel;
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    // Bytes as they are: the default writer would replace bytes that are not UTF-8 (a password may hold
-    // them) with U+FFFD.
-    writer["emitUTF8"] = true;
-    return Json::writeString(writer, json);
+    return compactText(json);
 }
 
 SessionManagerPlan decodePlan(std::string_view text) {
@@ -181,6 +192,30 @@ SessionManagerPlan decodePlan(std::string_view text) {
         throw vexa_error("decodePlan");
     }
     return plan;
+}
+
+std::string encodePasswordCheck(const PasswordCheck& check) {
+    Json::Value json(Json::objectValue);
+    json["user"] = check.user;
+    json["pam:service"] = check.pamService;
+    json["password"] = check.password;
+    json["debug:level"] = check.debugLevel;
+    return compactText(json);
+}
+
+PasswordCheck decodePasswordCheck(std::string_view text) {
+    const auto json = parseJsonStrict(text);
+    const auto string = [&json](const char* name) { return member(json, name, &Json::Value::isString).asString(); };
+    PasswordCheck check{string("user"), string("pam:service"), string("password"), string("debug:level")};
+    if (check.user.empty() || check.pamService.empty()) {
+        throw vexa_error("decodePasswordCheck");
+    }
+    return check;
+}
+
+int runPasswordCheck(const PasswordCheck& check) {
+    PamService pam(check.pamService, check.user, check.password);
+    return pam.checkAuthenticate() ? EXIT_SUCCESS : exitAuthFailed;
 }
 
 std::string pamTtyItem(uint32_t display) {
@@ -221,7 +256,7 @@ int runSessionManagerProcess(SessionManagerPlan plan) {
 
     if (plan.password && !pam->checkAuthenticate()) {
         Syslog::error("%s: pam checkAuthenticate failed", self);
-        return EXIT_FAILURE;
+        return exitAuthFailed;
     }
     if (!pam->validateAccount()) {
         Syslog::error("%s: pam validateAccount failed", self);
@@ -234,8 +269,21 @@ int runSessionManagerProcess(SessionManagerPlan plan) {
         Syslog::error("%s: pam session failed", self);
         return EXIT_FAILURE;
     }
+    // logind knows the session now: the daemon's wait for it need not wait for anything else. Standard input
+    // then goes to /dev/null, so that nothing of the session inherits the daemon's socket.
+    [[maybe_unused]] const auto noted =
+        send(STDIN_FILENO, sessionOpenedNote.data(), sessionOpenedNote.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (const int null = open("/dev/null", O_RDONLY | O_CLOEXEC); null >= 0) {
+        dup2(null, STDIN_FILENO);
+        close(null);
+    }
     if (initgroups(account->name.c_str(), static_cast<gid_t>(account->gid)) != 0) {
         logFailure("initgroups", errno);
+    }
+    if (stopRequested) {
+        // Asked to stop while PAM was at work (the service stops during the start): no X server for nothing.
+        pam->closeSession();
+        return EXIT_FAILURE;
     }
 
     // The session record as the environment and the X server see it.
@@ -254,7 +302,7 @@ int runSessionManagerProcess(SessionManagerPlan plan) {
     pid_t xorg = -1;
     try {
         xorg = runXorgDisplay(&session, plan.xorgArgs, plan.xorgPath, env, plan.depth, plan.width, plan.height);
-        waitXorgSocket(plan.xorgSocket, plan.display, xorg);
+        waitXorgSocket(plan.xorgSocket, plan.display, xorg, stopEvent);
         if (!stopRequested) {
             std::list<std::string> args{plan.program.string()};
             args.insert(args.end(), plan.args.begin(), plan.args.end());

@@ -1,5 +1,5 @@
-// vexa_session_manager: the session manager process of one session. Started by vexa_service only, as root,
-// with the session's plan on its standard input.
+// vexa_session_manager: the session manager process of one session, or (with --check) one password check.
+// Started by vexa_service only, as root, with the session's plan or the check on its standard input.
 
 #include <csignal>
 #include <cstdlib>
@@ -7,16 +7,42 @@
 #include <iostream>
 #include <iterator>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 
 #include "common/logger.h"
 #include "start/session_manager.h"
 
-int main() {
+namespace {
+
+int passwordCheck(std::string& text) {
+    try {
+        auto check = Vexa::decodePasswordCheck(text);
+        explicit_bzero(text.data(), text.size());
+        Vexa::Syslog::setDebugLevel(check.debugLevel);
+        const int result = Vexa::runPasswordCheck(check);
+        explicit_bzero(check.password.data(), check.password.size());
+        return result;
+    } catch (const std::exception& err) {
+        explicit_bzero(text.data(), text.size());
+        Vexa::Syslog::error("%s: exception: %s", "checkPassword", err.what());
+    }
+    return EXIT_FAILURE;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
     if (getuid() != 0) {
         std::cerr << "root privileges required to run" << std::endl;
         return EXIT_FAILURE;
     }
+    const bool check = argc > 1 && std::string_view(argv[1]) == Vexa::passwordCheckOption;
+    if (check) {
+        std::string text(std::istreambuf_iterator<char>(std::cin), {});
+        return passwordCheck(text);
+    }
+
     struct sigaction action {};
     action.sa_handler = Vexa::signalHandlerSessionManager;
     sigemptyset(&action.sa_mask);

@@ -1,8 +1,12 @@
 #include <algorithm>
+#include <array>
+#include <chrono>
 #include <fstream>
+#include <sys/stat.h>
 #include <stdexcept>
 #include <system_error>
 
+#include "common/events.h"
 #include "common/logger.h"
 #include "common/process.h"
 #include "common/utils.h"
@@ -135,9 +139,21 @@ pid_t runXorgDisplay(const Session* session, const std::list<std::string>& args,
     return pid;
 }
 
-void waitXorgSocket(std::string_view socketTemplate, uint32_t display, pid_t pid) {
+void waitXorgSocket(std::string_view socketTemplate, uint32_t display, pid_t pid, int stopFd) {
     const auto socket = Utils::stringReplace(socketTemplate, "%{display}", std::to_string(display));
-    if (!Utils::waitSocketSec(socket, 5)) {
+    const auto server = Utils::processFd(pid);
+    const std::array<int, 2> wake{server.get(), stopFd};
+    const auto ready = [&socket] {
+        struct stat st {};
+        return stat(socket.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+    };
+    const auto waited =
+        Utils::waitForPath(socket, ready, std::chrono::steady_clock::now() + std::chrono::seconds(5), wake);
+    if (waited.outcome == Utils::PathWait::Woken && waited.woken == 1) {
+        return;
+    }
+    // A server that ended without its socket will not make one.
+    if (waited.outcome != Utils::PathWait::Ready) {
         // Reported under the name of the session manager, whose start step this wait is.
         Syslog::error("%s: xorg not started, pid: %d, socket: %s", "runSessionManager", pid, socket.c_str());
         throw std::runtime_error("runXorgDisplay failed");

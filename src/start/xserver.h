@@ -54,9 +54,10 @@ std::list<std::string> xorgArguments(std::list<std::string> args, uint32_t displ
 pid_t runXorgDisplay(const Session* session, const std::list<std::string>& args, const std::filesystem::path& path,
                      const std::list<std::string>& env, uint8_t depth, uint16_t width, uint16_t height);
 
-// Waits up to 5 s for the socket of "xvfb:sock" (with "%{display}" replaced); throws
-// std::runtime_error("runXorgDisplay failed") when it does not appear.
-void waitXorgSocket(std::string_view socketTemplate, uint32_t display, pid_t pid);
+// Waits up to 5 s for the socket of "xvfb:sock" (with "%{display}" replaced), returning as soon as it is there;
+// throws std::runtime_error("runXorgDisplay failed") when it does not appear or the server (`pid`) ends first.
+// Returns early, without the socket, when `stopFd` becomes readable.
+void waitXorgSocket(std::string_view socketTemplate, uint32_t display, pid_t pid, int stopFd = -1);
 
 namespace Utils {
 

@@ -1,5 +1,6 @@
 """Password checks over the bus: vexaCheckAuthUser (through the PAM service it names) and vexaTestConnect (through
-the configured "pam:service")."""
+the configured "pam:service"). PAM runs in a process of its own (the session manager program's checking mode),
+which logs PAM's refusals."""
 
 import pytest
 
@@ -17,7 +18,7 @@ def test_password_is_checked_through_the_named_pam_service(service, files, make_
     service.start()
     assert service.value("vexaCheckAuthUser", "sss", user, password, SERVICE) == accepted
     assert service.value("vexaTestConnect", "sss", user, "WORKGROUP", password) == accepted
-    lines = [e["MESSAGE"] for e in journal(service.cursor, service.pid)]
+    lines = [e["MESSAGE"] for e in journal(service.cursor, idents=("vexa_service", "vexa_session_manager"))]
     assert f"vexaCheckAuthUser: user: {user}, service: {SERVICE}" in lines
     assert f"vexaTestConnect: user: {user}, domain: `WORKGROUP'" in lines
     assert accepted or any(m.startswith("checkAuthenticate: pam_authenticate failed") for m in lines), lines

@@ -129,7 +129,9 @@ def test_a_request_makes_a_whole_session(sessions, new_user):
     assert xargv[xargv.index("-auth") + 1] == info["xauthfile"]
     mode = os.stat(info["xauthfile"])
     assert (stat.S_IMODE(mode.st_mode), mode.st_uid, grp.getgrgid(mode.st_gid).gr_name) == (0o440, uid, "vexa-xauth")
-    assert [argv for argv in processes(uid, "sleep").values()] == [["/usr/bin/sleep", "4242"]]
+    # the reply comes once the session's bus is up; the program starts right after
+    wait_for(lambda: [argv for argv in processes(uid, "sleep").values()] == [["/usr/bin/sleep", "4242"]],
+             what="the session program")
     # the session's own bus answers at the address the session script wrote
     address = info["dbus:address"]
     bus_file = pathlib.Path(f"/run/user/{uid}/vexa/dbus_session_{sid}")
@@ -206,7 +208,7 @@ def test_session_ends_when_its_program_is_killed_or_the_service_stops(sessions, 
     info = sessions.info(sid)
     other_sid = sessions.request(username=other, password=PASSWORD, **PROGRAM)
     live = sessions.info(other_sid)
-    (pid, _), = processes(uid, "sleep").items()
+    (pid, _), = wait_for(lambda: processes(uid, "sleep"), what="the session program").items()
     os.kill(pid, signal.SIGKILL)
     sessions.signal("signalSessionShutdown", sid)
     wait_for(lambda: ended(uid, info["display"]), what="the session's processes to end")
@@ -242,7 +244,7 @@ def test_login_helper_session(daemon, new_user, files):
     info = keeper.info(sid)
     assert (info["display"], info["xauthfile"], info["login:mode"]) == (display, xauthfile, True)
     assert (info["duration:limit"], info["inactivity:limit"], info["disconnect:limit"]) == (300, 60, 30)
-    assert [argv for argv in processes(uid, "sleep").values()] == [["sleep", "600"]]
+    wait_for(lambda: [argv for argv in processes(uid, "sleep").values()] == [["sleep", "600"]], what="the helper")
     assert service.value("vexaLoginHelperStarted", "i", 4321) == user
     assert service.value("vexaLoginHelperStarted", "i", 4322) == ""
     service.call("vexaLoginHelperAllowConnectForTransportTo", "iis", 4321, 105, "/run/vexa/xauth_105")

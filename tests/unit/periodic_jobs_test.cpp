@@ -63,3 +63,17 @@ TEST(PeriodicJobs, JobsKeepTheirOwnSchedulesRunInTheOrderAddedAndOutliveAThrowin
     TestSupport::logged([&] { jobs.runDue(); });
     EXPECT_EQ(order, (std::vector<std::string>{"limits", "children"}));
 }
+
+TEST(PeriodicJobs, NextDueIsTheEarliestTimeAJobBecomesDue) {
+    PeriodicJobs::Clock::time_point now{};
+    PeriodicJobs jobs(now, [&now] { return now; });
+    jobs.add("children", 600ms, [] {});
+    jobs.add("reload", 3000ms, [] {});
+    EXPECT_EQ(jobs.nextDue(), now + 600ms + 1ns);
+    now += 601ms;
+    jobs.runDue(); // children run at 601 ms, reload waits
+    EXPECT_EQ(jobs.nextDue(), now + 600ms + 1ns);
+    now = PeriodicJobs::Clock::time_point{} + 3000ms + 1ns;
+    jobs.runDue(); // both
+    EXPECT_EQ(jobs.nextDue(), now + 600ms + 1ns);
+}

@@ -1,0 +1,160 @@
+#include "events.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <vector>
+
+namespace Vexa::Utils {
+
+namespace fs = std::filesystem;
+
+void UniqueFd::reset(int fd) noexcept {
+    if (value >= 0) {
+        close(value);
+    }
+    value = fd;
+}
+
+UniqueFd processFd(pid_t pid) {
+    if (pid <= 0) {
+        return UniqueFd();
+    }
+    return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+}
+
+std::optional<size_t> waitReadable(std::span<const int> fds, std::optional<SteadyClock::time_point> deadline) {
+    std::vector<pollfd> polled;
+    polled.reserve(fds.size());
+    for (const int fd : fds) {
+        polled.push_back(pollfd{fd, POLLIN, 0});
+    }
+    for (;;) {
+        int timeout = -1;
+        if (deadline) {
+            const auto left = *deadline - SteadyClock::now();
+            if (left <= SteadyClock::duration::zero()) {
+                timeout = 0;
+            } else {
+                // Rounded up: a wake before the deadline would only poll again.
+                timeout = static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count());
+            }
+        }
+        const int ready = poll(polled.data(), polled.size(), timeout);
+        if (ready < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return std::nullopt;
+        }
+        for (size_t i = 0; i < polled.size(); ++i) {
+            if (polled[i].revents != 0) {
+                return i;
+            }
+        }
+        if (deadline && SteadyClock::now() >= *deadline) {
+            return std::nullopt;
+        }
+    }
+}
+
+bool isReadable(int fd) {
+    pollfd polled{fd, POLLIN, 0};
+    while (poll(&polled, 1, 0) < 0) {
+        if (errno != EINTR) {
+            return false;
+        }
+    }
+    return polled.revents != 0;
+}
+
+namespace {
+
+constexpr uint32_t watchMask =
+    IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+
+fs::path nearestDirectory(const fs::path& path) {
+    auto dir = path.parent_path();
+    std::error_code ec;
+    while (!dir.empty() && dir != dir.root_path() && !fs::is_directory(dir, ec)) {
+        dir = dir.parent_path();
+    }
+    return dir.empty() ? fs::path(".") : dir;
+}
+
+int threadInotify() {
+    static thread_local const UniqueFd instance(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    return instance.get();
+}
+
+void drain(int fd) {
+    std::array<char, 4096> buffer{};
+    while (fd >= 0 && read(fd, buffer.data(), buffer.size()) > 0) {
+    }
+}
+
+} // namespace
+
+PathWatch::PathWatch(fs::path path) : target(std::move(path)), inotify(threadInotify()) {
+    drain(inotify); // what an earlier watch of this thread left
+    rearm();
+}
+
+PathWatch::~PathWatch() {
+    if (inotify >= 0 && watch >= 0) {
+        inotify_rm_watch(inotify, watch);
+    }
+}
+
+void PathWatch::changed() {
+    drain(inotify);
+    if (nearestDirectory(target) != watched) {
+        rearm();
+    }
+}
+
+void PathWatch::rearm() {
+    if (inotify < 0) {
+        return;
+    }
+    const auto dir = nearestDirectory(target);
+    const int next = inotify_add_watch(inotify, dir.c_str(), watchMask);
+    if (watch >= 0 && watch != next) {
+        inotify_rm_watch(inotify, watch);
+    }
+    watch = next;
+    watched = dir;
+}
+
+PathWaitResult waitForPath(const fs::path& path, const std::function<bool()>& ready, SteadyClock::time_point deadline,
+                           std::span<const int> wake, SteadyClock::duration recheck) {
+    PathWatch watch(path);
+    if (watch.fd() < 0) {
+        recheck = std::min<SteadyClock::duration>(recheck, std::chrono::milliseconds(100));
+    }
+    std::vector<int> fds{watch.fd()};
+    fds.insert(fds.end(), wake.begin(), wake.end());
+    for (;;) {
+        if (ready()) {
+            return {PathWait::Ready};
+        }
+        const auto now = SteadyClock::now();
+        if (now >= deadline) {
+            return {PathWait::Timeout};
+        }
+        const auto woken = waitReadable(fds, std::min(deadline, now + recheck));
+        if (!woken) {
+            watch.rearm();
+        } else if (*woken == 0) {
+            watch.changed();
+        } else {
+            return {PathWait::Woken, *woken - 1};
+        }
+    }
+}
+
+} // namespace Vexa::Utils
