@@ -91,8 +91,10 @@ std::optional<WorkPool::Clock::time_point> WorkPool::promoteDue(Clock::time_poin
 }
 
 void WorkPool::grow() {
-    // Jobs ready beyond what the idle threads will take get threads of their own, up to the limit.
-    while (ready.size() > idle && threads.size() < limit) {
+    // Jobs ready beyond what the idle threads will take get threads of their own, up to the limit; a delayed job
+    // needs an idle thread to wake at its time.
+    const auto wanted = ready.size() + (delayed.empty() ? 0 : 1);
+    while (wanted > idle && threads.size() < limit) {
         threads.emplace_back([this] { work(); });
         ++idle; // counted as idle until it takes its first job
     }

@@ -5,7 +5,7 @@
 // subsystem and packs the answer; operations are defined in per-subsystem files dbus_<area>.cpp.
 // Threads: D-Bus operations run on the main thread (EventLoop::run) and never wait there: the methods that
 // wait (PAM, session starts) hand their work to the start workers (`startPool`) and are answered from there.
-// The watcher thread runs the periodic jobs; detached workers hold shared pointers to the sessions they use.
+// The watcher thread runs the periodic jobs; background workers hold shared pointers to the sessions they use.
 
 #include <atomic>
 #include <condition_variable>
@@ -105,7 +105,7 @@ public:
     void auditUserMessage(uint32_t display, const std::string& remoteaddr, int type, const std::string& message,
                           const std::string& user, bool result) const;
 
-    // Waits until every worker started with startWorker has finished.
+    // Runs every job given to startWorker that is still queued (delays no longer apply) and waits for all.
     void waitWorkers();
 
     // Watcher thread body: periodic jobs while the service runs, then the stop sequence.
@@ -162,8 +162,8 @@ private:
     void setSessionPolicy(int32_t session, SetSession&& setSession, SetDefault&& setDefault);
     void setRedirectPolicy(const char* method, int32_t session, RedirectBit bit, bool enable);
 
-    // Runs `work` on a detached thread that the stop sequence waits for.
-    void startWorker(std::function<void()> work);
+    // Runs `work` on a background worker, not before `delay` has passed; the stop sequence waits for it.
+    void startWorker(std::function<void()> work, std::chrono::milliseconds delay = {});
 
     // The unique bus name of the caller of the call being dispatched (D-Bus thread only).
     std::string callerName() const;
@@ -459,9 +459,9 @@ private:
     WorkPool startPool{"startWorker", 8};
     AuthThrottle throttle; // failed logins per user and per caller; thread-safe
 
-    std::mutex workersLock; // guards `workersRunning`
-    std::condition_variable workersDone;
-    int workersRunning = 0;
+    // Short jobs off the bus thread and the watcher (announcing a new or an ended session, the limits file,
+    // signals): a few threads for however many sessions come and go at once.
+    WorkPool backgroundPool{"backgroundWorker", 4};
 };
 
 } // namespace Vexa

@@ -137,24 +137,15 @@ void DBusService::applyFileLimits(const SessionPtr& session) {
     }
 }
 
-void DBusService::startWorker(std::function<void()> work) {
-    {
-        std::lock_guard guard(workersLock);
-        ++workersRunning;
-    }
-    std::thread([this, work = std::move(work)]() mutable {
+void DBusService::startWorker(std::function<void()> work, std::chrono::milliseconds delay) {
+    if (!backgroundPool.submit(work, WorkPool::Clock::now() + delay)) {
+        // The stop sequence has waited for the workers already: nothing is left to run this but the caller.
         work();
-        work = nullptr; // what the work held (a session) goes before the service may go
-        std::unique_lock guard(workersLock);
-        --workersRunning;
-        // Notified only once this thread is done with the lock, so the waiter may destroy the service at once.
-        std::notify_all_at_thread_exit(workersDone, std::move(guard));
-    }).detach();
+    }
 }
 
 void DBusService::waitWorkers() {
-    std::unique_lock guard(workersLock);
-    workersDone.wait(guard, [this] { return workersRunning == 0; });
+    backgroundPool.stop();
 }
 
 } // namespace Vexa

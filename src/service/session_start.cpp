@@ -305,11 +305,12 @@ StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, Se
           address->empty() ? "NOT FOUND" : address->c_str());
 
     // Limits of the limits file and the announcement, off the caller's thread.
-    startWorker([this, session] {
-        std::this_thread::sleep_for(100ms);
-        applyFileLimits(session);
-        emitSignal("signalSessionCreated", [this, &session] { emitSignalSessionCreated(session->sid); });
-    });
+    startWorker(
+        [this, session] {
+            applyFileLimits(session);
+            emitSignal("signalSessionCreated", [this, &session] { emitSignalSessionCreated(session->sid); });
+        },
+        100ms);
 
     return {session, StartStatus::Success};
 }

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <future>
 #include <mutex>
 #include <vector>
 
@@ -70,6 +71,13 @@ TEST(WorkPool, AtMostTheLimitRunAndTheRestStartInTheirOrder) {
         }
         EXPECT_EQ(pool.threadCount(), 0U); // joined
     }
+}
+
+TEST(WorkPool, ADelayedJobRunsAtItsTimeAlsoInAPoolWithoutThreads) {
+    WorkPool pool("test", 2);
+    std::promise<void> ran;
+    ASSERT_TRUE(pool.submit([&] { ran.set_value(); }, WorkPool::Clock::now() + 20ms));
+    EXPECT_EQ(ran.get_future().wait_for(30s), std::future_status::ready);
 }
 
 TEST(WorkPool, ADelayedJobHoldsNoWorkerWhileItWaits) {
