@@ -163,7 +163,7 @@ private:
     void setRedirectPolicy(const char* method, int32_t session, RedirectBit bit, bool enable);
 
     // Runs `work` on a background worker, not before `delay` has passed; the stop sequence waits for it.
-    void startWorker(std::function<void()> work, std::chrono::milliseconds delay = {});
+    void startWorker(const std::function<void()>& work, std::chrono::milliseconds delay = {});
 
     // The unique bus name of the caller of the call being dispatched (D-Bus thread only).
     std::string callerName() const;

@@ -137,7 +137,7 @@ void DBusService::applyFileLimits(const SessionPtr& session) {
     }
 }
 
-void DBusService::startWorker(std::function<void()> work, std::chrono::milliseconds delay) {
+void DBusService::startWorker(const std::function<void()>& work, std::chrono::milliseconds delay) {
     if (!backgroundPool.submit(work, WorkPool::Clock::now() + delay)) {
         // The stop sequence has waited for the workers already: nothing is left to run this but the caller.
         work();
