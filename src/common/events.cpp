@@ -62,16 +62,6 @@ std::optional<size_t> waitReadable(std::span<const int> fds, std::optional<Stead
     }
 }
 
-bool isReadable(int fd) {
-    pollfd polled{fd, POLLIN, 0};
-    while (poll(&polled, 1, 0) < 0) {
-        if (errno != EINTR) {
-            return false;
-        }
-    }
-    return polled.revents != 0;
-}
-
 namespace {
 
 constexpr uint32_t watchMask =

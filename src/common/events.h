@@ -53,9 +53,6 @@ UniqueFd processFd(pid_t pid);
 // descriptors are ignored.
 std::optional<size_t> waitReadable(std::span<const int> fds, std::optional<SteadyClock::time_point> deadline);
 
-// Whether the descriptor is readable (or hung up) right now.
-bool isReadable(int fd);
-
 // Follows a path that may not exist yet. Watches, through inotify, the directory that holds the path or, while
 // that does not exist, the nearest ancestor that does, and moves closer as directories appear. fd() becomes
 // readable when something changed there; call changed() before looking at the path again. A directory mounted

@@ -11,7 +11,8 @@ extern char** programArgv;
 // Lock-free, shared with the signal handler; every write is a sequentially consistent store.
 extern std::atomic<bool> serviceRunning;
 
-// Clears serviceRunning and makes serviceStopFd() readable for good. Async-signal-safe.
+// The process is asked to stop (the service, or a session manager by its stop signals): clears serviceRunning
+// and makes serviceStopFd() readable for good. Async-signal-safe.
 void requestServiceStop() noexcept;
 
 // An eventfd that becomes readable, and stays so, once the service is asked to stop: waits that must end then

@@ -589,21 +589,6 @@ private:
     std::unordered_map<int, Waiting> waiting; // by pidfd
 };
 
-int waitBlocking(pid_t pid) {
-    int status = -1;
-    while (waitpid(pid, &status, 0) < 0) {
-        const int err = errno;
-        if (err == EINTR) {
-            continue;
-        }
-        if (err != ECHILD) {
-            Syslog::error("%s: %s failed, error: %s, code: %d", "asyncWaitPid", "waitpid", errnoText(err).c_str(), err);
-        }
-        return -1;
-    }
-    return status;
-}
-
 } // namespace
 
 std::future<int> waitChildBack(pid_t pid) {
@@ -612,7 +597,7 @@ std::future<int> waitChildBack(pid_t pid) {
     auto result = promise.get_future();
     if (!ChildReaper::instance().watch(pid, promise)) {
         // No pidfd (the child is gone already, or descriptors ran out): a task of its own waits for it.
-        return std::async(std::launch::async, [pid] { return waitBlocking(pid); });
+        return std::async(std::launch::async, [pid] { return waitStatus(pid); });
     }
     return result;
 }
@@ -733,13 +718,16 @@ void syslogWaitStatus(int status, const char* func, pid_t pid) {
     }
 }
 
+bool isSocket(const std::filesystem::path& path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+}
+
 bool waitSocketSec(const std::filesystem::path& path, unsigned seconds) {
-    const auto ready = [&path] {
-        struct stat st {};
-        return stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
-    };
-    return waitForPath(path, ready, std::chrono::steady_clock::now() + std::chrono::seconds(seconds)).outcome ==
-           PathWait::Ready;
+    return waitForPath(
+               path, [&path] { return isSocket(path); },
+               std::chrono::steady_clock::now() + std::chrono::seconds(seconds))
+               .outcome == PathWait::Ready;
 }
 
 bool hasInput(int fd, int timeoutMs) {

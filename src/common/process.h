@@ -73,6 +73,8 @@ std::filesystem::path userOutputLog(const UserInfo& user, const std::filesystem:
 // Logs a raw wait status at debug level.
 void syslogWaitStatus(int status, const char* func, pid_t pid);
 
+// Whether a socket exists at `path`.
+bool isSocket(const std::filesystem::path& path);
 // True as soon as a socket exists at `path`, false once more than `seconds` have passed.
 bool waitSocketSec(const std::filesystem::path& path, unsigned seconds);
 

@@ -117,8 +117,8 @@ private:
     void applyDefaults(const ServiceDefaults& next);
 
     // Steps of the session start (session_start.cpp), for the starter.
-    bool checkPassword(const std::string& user, const std::string& password) override;
-    void reuse(Session& session) override;
+    bool checkPassword(const std::string& user, const std::string& password, const StartContext& context) override;
+    void reuse(Session& session, const StartContext& context) override;
     StartSessionResult launch(const SessionPtr& session, const StartSessionArgs& args,
                               const StartContext& context) override;
     // The session manager of a session, started with the plan on its standard input.

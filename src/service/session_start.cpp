@@ -108,17 +108,17 @@ bool DBusService::checkPasswordWith(const std::string& service, const std::strin
     return accepted;
 }
 
-bool DBusService::checkPassword(const std::string& user, const std::string& password) {
-    return checkPasswordWith(configuration()->getString("pam:service", "vexa"), user, password);
+bool DBusService::checkPassword(const std::string& user, const std::string& password, const StartContext& context) {
+    return checkPasswordWith(context.config->getString("pam:service", "vexa"), user, password);
 }
 
-void DBusService::reuse(Session& session) {
+void DBusService::reuse(Session& session, const StartContext& context) {
     session.sessionFreeze(false);
     // The display keeps its size: the X server was started with the size of the first request.
     std::error_code ec;
     fs::permissions(session.xauthfile, fs::perms(0640), fs::perm_options::replace, ec);
     Utils::setOwner(session.xauthfile, session.user ? session.user->name : std::string(),
-                    configuration()->getString("xauth:group", "vexa-xauth"));
+                    context.config->getString("xauth:group", "vexa-xauth"));
     debug("%s: ref count user session id: %u", self, static_cast<unsigned>(session.user.use_count()));
 }
 

@@ -6,13 +6,13 @@
 #include <grp.h>
 #include <memory>
 #include <fcntl.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <json/writer.h>
 
+#include "common/globals.h"
 #include "common/json_config.h"
 #include "common/logger.h"
 #include "common/process.h"
@@ -29,8 +29,6 @@ namespace {
 constexpr const char* self = "runSessionManager";
 
 volatile sig_atomic_t stopRequested = 0;
-// Readable once a stop was requested, for waits that must end then; made before the handler can run.
-const int stopEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 
 Json::Value listValue(const std::list<std::string>& items) {
     Json::Value list(Json::arrayValue);
@@ -132,8 +130,8 @@ void signalHandlerSessionManager(int sig) {
     // SIGCHLD only wakes the wait for a child.
     if (sig == SIGTERM || sig == SIGINT || sig == SIGHUP) {
         stopRequested = 1;
-        const uint64_t one = 1;
-        [[maybe_unused]] const auto written = write(stopEvent, &one, sizeof(one));
+        // Also ends the waits that poll the stop descriptor (the X server's socket).
+        requestServiceStop();
     }
 }
 
@@ -302,7 +300,7 @@ int runSessionManagerProcess(SessionManagerPlan plan) {
     pid_t xorg = -1;
     try {
         xorg = runXorgDisplay(&session, plan.xorgArgs, plan.xorgPath, env, plan.depth, plan.width, plan.height);
-        waitXorgSocket(plan.xorgSocket, plan.display, xorg, stopEvent);
+        waitXorgSocket(plan.xorgSocket, plan.display, xorg, serviceStopFd());
         if (!stopRequested) {
             std::list<std::string> args{plan.program.string()};
             args.insert(args.end(), plan.args.begin(), plan.args.end());

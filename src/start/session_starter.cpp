@@ -111,7 +111,7 @@ StartSessionResult SessionStarter::start(const StartSessionArgs& args, const Sta
         return {nullptr, admitted.status};
     }
     if (admitted.reuse) {
-        return reuse(admitted.session, args);
+        return reuse(admitted.session, args, context);
     }
 
     StartSessionResult result{nullptr, StartStatus::StartFailed};
@@ -128,13 +128,14 @@ StartSessionResult SessionStarter::start(const StartSessionArgs& args, const Sta
     return result;
 }
 
-StartSessionResult SessionStarter::reuse(const SessionPtr& session, const StartSessionArgs& args) {
+StartSessionResult SessionStarter::reuse(const SessionPtr& session, const StartSessionArgs& args,
+                                         const StartContext& context) {
     // The running session is handed out only to a caller who proves the user again.
-    if (args.password && !steps.checkPassword(args.user, *args.password)) {
+    if (args.password && !steps.checkPassword(args.user, *args.password, context)) {
         Syslog::error("%s: pam checkAuthenticate failed, user: %s", self, args.user.c_str());
         return {nullptr, StartStatus::StartFailed, true};
     }
-    steps.reuse(*session);
+    steps.reuse(*session, context);
     return {session, StartStatus::Success};
 }
 

@@ -62,9 +62,9 @@ class StartSteps {
 public:
     virtual ~StartSteps() = default;
     // Whether `password` is the password of `user`, who asks for a running session again.
-    virtual bool checkPassword(const std::string& user, const std::string& password) = 0;
+    virtual bool checkPassword(const std::string& user, const std::string& password, const StartContext& context) = 0;
     // Hands a running session out again: thaws it and opens its X authority file to its group.
-    virtual void reuse(Session& session) = 0;
+    virtual void reuse(Session& session, const StartContext& context) = 0;
     // Starts a registered session, from its run-time directory to its session bus. The result's session is
     // the session when it runs, empty on failure (then the starter takes it out of the registry).
     virtual StartSessionResult launch(const std::shared_ptr<Session>& session, const StartSessionArgs& args,
@@ -96,7 +96,7 @@ private:
 
     Admitted admit(const StartSessionArgs& args, const StartContext& context);
     uint32_t nextSessionId(const SessionRegistry::Map& map);
-    StartSessionResult reuse(const SessionPtr& session, const StartSessionArgs& args);
+    StartSessionResult reuse(const SessionPtr& session, const StartSessionArgs& args, const StartContext& context);
     // Takes a failed session out of the registry (the caller drops it outside the lock) and ends its start.
     void finish(const SessionPtr& session, bool running);
 

@@ -2,7 +2,6 @@
 #include <array>
 #include <chrono>
 #include <fstream>
-#include <sys/stat.h>
 #include <stdexcept>
 #include <system_error>
 
@@ -143,12 +142,9 @@ void waitXorgSocket(std::string_view socketTemplate, uint32_t display, pid_t pid
     const auto socket = Utils::stringReplace(socketTemplate, "%{display}", std::to_string(display));
     const auto server = Utils::processFd(pid);
     const std::array<int, 2> wake{server.get(), stopFd};
-    const auto ready = [&socket] {
-        struct stat st {};
-        return stat(socket.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
-    };
-    const auto waited =
-        Utils::waitForPath(socket, ready, std::chrono::steady_clock::now() + std::chrono::seconds(5), wake);
+    const auto waited = Utils::waitForPath(
+        socket, [&socket] { return Utils::isSocket(socket); },
+        std::chrono::steady_clock::now() + std::chrono::seconds(5), wake);
     if (waited.outcome == Utils::PathWait::Woken && waited.woken == 1) {
         return;
     }

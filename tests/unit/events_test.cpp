@@ -71,9 +71,9 @@ TEST(Events, ProcessFdSpeaksWhenTheProcessEndsAndNotBefore) {
     }
     const auto ended = Utils::processFd(child);
     ASSERT_TRUE(ended);
-    EXPECT_FALSE(Utils::isReadable(ended.get()));
-    kill(child, SIGKILL);
     const std::array<int, 1> fds{ended.get()};
+    EXPECT_FALSE(Utils::waitReadable(fds, Utils::SteadyClock::now())); // not readable yet
+    kill(child, SIGKILL);
     EXPECT_EQ(Utils::waitReadable(fds, Utils::SteadyClock::now() + 30s), 0U);
     EXPECT_EQ(Utils::waitStatus(child), SIGKILL);
     EXPECT_FALSE(Utils::processFd(child)); // reaped: nothing left to watch

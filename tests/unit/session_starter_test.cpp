@@ -28,11 +28,11 @@ public:
     std::atomic<int> reuses{0};
     bool failFirstLaunch = false;
 
-    bool checkPassword(const std::string&, const std::string& password) override {
+    bool checkPassword(const std::string&, const std::string& password, const StartContext&) override {
         ++checks;
         return password == "good";
     }
-    void reuse(Session&) override { ++reuses; }
+    void reuse(Session&, const StartContext&) override { ++reuses; }
     StartSessionResult launch(const SessionPtr& session, const StartSessionArgs&, const StartContext&) override {
         const int launch = ++launches;
         std::this_thread::sleep_for(30ms);
