@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <fstream>
+#include <sstream>
+#include <string>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/syscall.h>
@@ -25,6 +28,46 @@ UniqueFd processFd(pid_t pid) {
         return UniqueFd();
     }
     return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+}
+
+bool processAlive(int pidfd) noexcept {
+    if (pidfd < 0) {
+        return false;
+    }
+    pollfd polled{pidfd, POLLIN, 0};
+    int ready = 0;
+    do {
+        ready = poll(&polled, 1, 0);
+    } while (ready < 0 && errno == EINTR);
+    // A pidfd becomes readable when its process has ended; an error leaves nothing to signal either.
+    return ready == 0;
+}
+
+bool signalProcess(int pidfd, int sig) noexcept {
+    return pidfd >= 0 && syscall(SYS_pidfd_send_signal, pidfd, sig, nullptr, 0) == 0;
+}
+
+std::optional<pid_t> parentPid(pid_t pid) {
+    if (pid <= 0) {
+        return std::nullopt;
+    }
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(in, line)) {
+        return std::nullopt;
+    }
+    // "pid (comm) state ppid ...": the command may hold blanks and parentheses, the last ')' ends it.
+    const auto close = line.rfind(')');
+    if (close == std::string::npos) {
+        return std::nullopt;
+    }
+    std::istringstream rest(line.substr(close + 1));
+    std::string state;
+    pid_t parent = -1;
+    if (!(rest >> state >> parent)) {
+        return std::nullopt;
+    }
+    return parent;
 }
 
 std::optional<size_t> waitReadable(std::span<const int> fds, std::optional<SteadyClock::time_point> deadline) {

@@ -48,6 +48,16 @@ private:
 // process is gone already (reaped) or no pidfd can be had.
 UniqueFd processFd(pid_t pid);
 
+// The process behind a pidfd still runs: false once it has ended (also while it is a zombie not yet reaped by
+// its parent) and for an empty descriptor. Unlike a pid, a pidfd never names a later process that reuses the pid.
+bool processAlive(int pidfd) noexcept;
+
+// Sends `sig` through a pidfd; false when the descriptor is empty or the process has ended.
+bool signalProcess(int pidfd, int sig) noexcept;
+
+// The parent of a process, from /proc; nullopt when the process is not there.
+std::optional<pid_t> parentPid(pid_t pid);
+
 // Waits until one of `fds` is readable (or hung up), at most until `deadline` (none: without limit); a signal
 // does not end the wait. The index of the first readable descriptor, or nullopt at the deadline. Negative
 // descriptors are ignored.

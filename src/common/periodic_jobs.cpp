@@ -9,14 +9,15 @@ namespace Vexa {
 
 PeriodicJobs::PeriodicJobs(Clock::time_point start, ClockSource clock) : start(start), clock(std::move(clock)) {}
 
-void PeriodicJobs::add(std::string name, std::chrono::milliseconds period, std::function<void()> job) {
-    jobs.push_back(Job{std::move(name), period, std::move(job), start});
+void PeriodicJobs::add(std::string name, std::chrono::milliseconds period, std::function<void()> job,
+                       std::function<bool()> idle) {
+    jobs.push_back(Job{std::move(name), period, std::move(job), std::move(idle), start});
 }
 
 void PeriodicJobs::runDue() {
     for (auto& job : jobs) {
         const auto now = clock();
-        if (now - job.lastRun <= job.period) {
+        if (now - job.lastRun <= job.period || (job.idle && job.idle())) {
             continue;
         }
         job.lastRun = now;
@@ -34,11 +35,17 @@ PeriodicJobs::Clock::time_point PeriodicJobs::nextDue() const {
         return start;
     }
     auto due = Clock::time_point::max();
+    auto idleDue = Clock::time_point::max();
     for (const auto& job : jobs) {
         // One tick of the clock after the period: a job is due only when more than its period has passed.
-        due = std::min(due, job.lastRun + job.period + Clock::duration(1));
+        const auto jobDue = job.lastRun + job.period + Clock::duration(1);
+        if (job.idle && job.idle()) {
+            idleDue = std::min(idleDue, jobDue);
+        } else {
+            due = std::min(due, jobDue);
+        }
     }
-    return due;
+    return due != Clock::time_point::max() ? due : idleDue;
 }
 
 } // namespace Vexa

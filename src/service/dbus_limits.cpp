@@ -92,8 +92,14 @@ bool DBusService::vexaSessionDisconnectedFreezeDefault() {
     return boundary("vexaSessionDisconnectedFreezeDefault", false, [this] { return defaults().disconnectedFreeze; });
 }
 
-void DBusService::vexaSessionDisconnectedFreeze(const int32_t&, const bool&) {
-    notImplemented("vexaSessionDisconnectedFreeze");
+void DBusService::vexaSessionDisconnectedFreeze(const int32_t& session, const bool& val) {
+    boundary("vexaSessionDisconnectedFreeze", [&] {
+        info("%s: session id: %d, policy: %s", "vexaSessionDisconnectedFreeze", session, val ? "true" : "false");
+        // Takes effect at the next freeze request: nothing is frozen or thawed now.
+        setSessionPolicy(
+            session, false, [val](Session& entry) { entry.disconnectedFreeze = val; },
+            [val](ServiceDefaults& defs) { defs.disconnectedFreeze = val; });
+    });
 }
 
 } // namespace Vexa

@@ -36,33 +36,12 @@ bool& defaultFlag(RedirectDefaults& flags, RedirectBit bit) {
 
 } // namespace
 
-template <typename SetSession, typename SetDefault>
-void DBusService::setSessionPolicy(int32_t session, SetSession&& setSession, SetDefault&& setDefault) {
-    if (session >= 0) {
-        if (const auto found = findSession(static_cast<uint32_t>(session))) {
-            sessions.locked([&](SessionRegistry::Map&) {
-                found->policiesChanged = true;
-                setSession(*found);
-            });
-        }
-        return;
-    }
-    {
-        std::lock_guard guard(defaultsLock);
-        setDefault(serviceDefaults);
-    }
-    sessions.locked([&](SessionRegistry::Map& map) {
-        for (auto& [id, entry] : map) {
-            setSession(*entry);
-        }
-    });
-}
-
 void DBusService::setRedirectPolicy(const char* method, int32_t session, RedirectBit bit, bool enable) {
     boundary(method, [&] {
         info("%s: session id: %d, policy: %s", method, session, boolText(enable));
         setSessionPolicy(
-            session, [&](Session& entry) { entry.redirectPolicy = redirectSet(entry.redirectPolicy, bit, enable); },
+            session, true,
+            [&](Session& entry) { entry.redirectPolicy = redirectSet(entry.redirectPolicy, bit, enable); },
             [&](ServiceDefaults& defs) { defaultFlag(defs.redirect, bit) = enable; });
     });
 }
@@ -99,7 +78,7 @@ void DBusService::vexaSessionPolicyRedirectClipboard(const int32_t& session, con
         info("%s: session id: %d, client2server: %s, server2client: %s", method, session, boolText(client2server),
              boolText(server2client));
         setSessionPolicy(
-            session,
+            session, true,
             [&](Session& entry) {
                 entry.redirectPolicy = redirectSet(entry.redirectPolicy, RedirectBit::ClipboardServer, client2server);
                 entry.redirectPolicy = redirectSet(entry.redirectPolicy, RedirectBit::ClipboardClient, server2client);
@@ -120,7 +99,7 @@ void DBusService::vexaSessionPolicyRedirectClipboardLimit(const int32_t& session
     boundary(method, [&] {
         info("%s: session id: %d, limit: %ubytes", method, session, limit);
         setSessionPolicy(
-            session, [&](Session& entry) { entry.clipboardLimit = limit; },
+            session, true, [&](Session& entry) { entry.clipboardLimit = limit; },
             [&](ServiceDefaults& defs) { defs.clipboardLimit = limit; });
     });
 }
@@ -199,7 +178,7 @@ void DBusService::vexaSessionPolicyRdpKeepAlive(const int32_t& session, const ui
         // The line shows the interval only; "failures: u" is part of its text.
         info("%s: session id: %d, interval: %u, failures: u", method, session, interval);
         setSessionPolicy(
-            session,
+            session, true,
             [&](Session& entry) {
                 entry.rdpKeepAliveInterval = interval;
                 entry.rdpKeepAliveFailures = failures;

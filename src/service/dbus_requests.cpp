@@ -44,12 +44,6 @@ std::optional<bool> DBusService::consumeTransportToken(const std::string& user, 
     });
 }
 
-bool DBusService::sessionCheckPolicyConnection(const Session&) const {
-    // Transports are registered under the session's connect policy when they attach; a request only asks
-    // whether it may go ahead, and nothing here refuses it.
-    return true;
-}
-
 StartSessionArgs DBusService::defaultSessionArgs(const std::string& user, const std::string& pass, uint8_t depth,
                                                  uint16_t width, uint16_t height) const {
     const auto config = configuration();

@@ -1,5 +1,6 @@
 #include "dbus_service.h"
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -237,11 +238,23 @@ void DBusService::reloadConfigWatcher() {
 
 void DBusService::watcherLoop() {
     PeriodicJobs jobs(PeriodicJobs::Clock::now());
-    jobs.add("reloadWatcher", 3000ms, [this] {
-        reloadProgramsWatcher();
-        reloadConfigWatcher();
-    });
-    jobs.add("stoppedChildsWatcher", 600ms, [this] { stoppedChildsWatcher(); });
+    const std::array<std::function<void()>, watcherSchedule.size()> work{
+        [this] {
+            reloadProgramsWatcher();
+            reloadConfigWatcher();
+        },
+        [this] { stoppedChildsWatcher(); },
+        [this] { stoppedTransportWatcher(); },
+        [this] { timeLimitSessionsWatcher(); },
+        [this] { seamlessTimeoutWatcher(); },
+    };
+    // The watchers of transports and limits have nothing to look at without sessions: an idle service then
+    // wakes only for the reload and the children.
+    const auto noSessions = [this] { return sessions.size() == 0; };
+    for (size_t i = 0; i < watcherSchedule.size(); ++i) {
+        jobs.add(watcherSchedule[i].name, watcherSchedule[i].period, work[i],
+                 i >= 2 ? std::function<bool()>(noSessions) : std::function<bool()>());
+    }
 
     // Sleeps until the next job is due, or until the service is asked to stop.
     const int stopFd = serviceStopFd();

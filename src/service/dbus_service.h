@@ -12,6 +12,7 @@
 #include <functional>
 #include <future>
 #include <optional>
+#include <type_traits>
 #include <utility>
 #include <chrono>
 #include <exception>
@@ -47,6 +48,8 @@ inline constexpr const char* serviceBusName = "ru.kelvo.vexa";
 inline constexpr const char* serviceObjectPath = "/ru/kelvo/vexa";
 inline constexpr const char* sessionsStoreDir = "/var/lib/vexa/sessions";
 inline constexpr const char* sessionManagerProgram = VEXA_LIBEXEC_DIR "/vexa_session_manager";
+// Audit record type of the session login, disconnect and logout records.
+inline constexpr int auditUserSession = 1198;
 
 // Thrown out of start() when the bus connection was lost while running, after the orderly shutdown, so that
 // the process ends with a failure status and the service manager restarts it.
@@ -98,8 +101,17 @@ public:
     // stops). Never throws.
     StartSessionResult startSession(const StartSessionArgs& args);
 
-    // Watcher: sessions whose session manager has exited leave the registry and are announced as ended.
+    // Watchers, run by the watcher thread only (watcherLoop).
+    // Sessions whose session manager has exited leave the registry and are announced as ended.
     void stoppedChildsWatcher();
+    // Transports that have ended leave their slot (one per session and pass); the disconnect is announced and
+    // audited, and the session may freeze.
+    void stoppedTransportWatcher();
+    // Sessions past their duration or disconnect limit: logged, and their session manager told to end when
+    // the limits are enforced for them.
+    void timeLimitSessionsWatcher();
+    // Seamless sessions left without a transport past their seamless limit are told to end, once.
+    void seamlessTimeoutWatcher();
 
     // An audit record of the session's user; does nothing when auditing is unavailable.
     void auditUserMessage(uint32_t display, const std::string& remoteaddr, int type, const std::string& message,
@@ -126,6 +138,7 @@ private:
         pid_t pid = -1;
         std::shared_future<int> status; // its raw wait status, once it has ended
         Utils::UniqueFd channel;        // what it writes back (sessionOpenedNote)
+        Utils::UniqueFd pidfd;          // taken before it could be reaped
     };
     SessionManagerProcess runSessionManager(const Session* session, const SessionManagerPlan& plan);
     bool prepareSession(const SessionPtr& session, const StartSessionArgs& args, const JsonConfig& config,
@@ -154,12 +167,46 @@ private:
     // The one-time token of a transport for `user`: nullopt when none is pending, else whether it matched
     // (a match uses it up).
     std::optional<bool> consumeTransportToken(const std::string& user, const std::string& token);
-    bool sessionCheckPolicyConnection(const Session& session) const;
+    // The connect policy's decision on one more connection to the session (session/lifetime.h), under the
+    // sessions lock.
+    bool sessionCheckPolicyConnection(const Session& session);
+    // Ends every running transport of the session; false when none ran.
+    bool disconnectTransports(const SessionPtr& session);
+    // The pid a caller registers as its transport, checked against the caller's credentials (D-Bus thread
+    // only); the pidfd of the accepted process, empty (logged) when refused.
+    Utils::UniqueFd acceptTransportPid(uint32_t session, uint32_t pid);
+    // Registers an admitted transport and announces it.
+    void completeTransportRegistration(const SessionPtr& session, uint32_t sid, pid_t pid, Utils::UniqueFd pidfd,
+                                       const std::string& ipaddr);
 
-    // A policy setter for one session (session >= 0: marks its policies changed) or for every session and
-    // the service default (session < 0) (dbus_redirect.cpp).
+    // A setter for one session (session >= 0; `markChanged`: its policies are saved when it ends) or for every
+    // session and the service default (session < 0). An unknown session is ignored.
     template <typename SetSession, typename SetDefault>
-    void setSessionPolicy(int32_t session, SetSession&& setSession, SetDefault&& setDefault);
+    void setSessionPolicy(int32_t session, bool markChanged, SetSession&& setSession, SetDefault&& setDefault) {
+        if (session >= 0) {
+            if (const auto found = findSession(static_cast<uint32_t>(session))) {
+                sessions.locked([&](SessionRegistry::Map&) {
+                    if (markChanged) {
+                        found->policiesChanged = true;
+                    }
+                    setSession(*found);
+                });
+            }
+            return;
+        }
+        {
+            std::lock_guard guard(defaultsLock);
+            setDefault(serviceDefaults);
+        }
+        sessions.locked([&](SessionRegistry::Map& map) {
+            for (auto& [id, entry] : map) {
+                setSession(*entry);
+            }
+        });
+    }
+    // One of the four time limits of a session, or of every session and the default (dbus_timeouts.cpp).
+    void setSessionLimit(const char* method, int32_t session, uint32_t limit, uint32_t Session::*field,
+                         uint32_t ServiceDefaults::*defaultField);
     void setRedirectPolicy(const char* method, int32_t session, RedirectBit bit, bool enable);
 
     // Runs `work` on a background worker, not before `delay` has passed; the stop sequence waits for it.
@@ -173,7 +220,7 @@ private:
     void throttleOutcome(const std::string& user, const std::string& caller, bool accepted);
     // Answers `reply` from a start worker with a password check of `user` through the PAM service, counted by
     // the throttle.
-    template <typename Value>
+    template <typename... Values>
     class PendingReply;
     void replyPasswordCheck(const char* method, const std::shared_ptr<PendingReply<bool>>& reply,
                             const std::string& service, const std::string& user, std::string pass,
@@ -182,25 +229,25 @@ private:
     bool checkPasswordWith(const std::string& service, const std::string& user, const std::string& password);
 
     // The reply of an asynchronous call, sent once from whichever thread has the answer.
-    template <typename Value>
+    template <typename... Values>
     class PendingReply {
     public:
-        explicit PendingReply(sdbus::Result<Value>&& call) : result(std::move(call)) {}
+        explicit PendingReply(sdbus::Result<Values...>&& call) : result(std::move(call)) {}
         // False when a reply went already.
-        bool send(const Value& value) {
+        bool send(const Values&... values) {
             if (sent.exchange(true)) {
                 return false;
             }
-            result.returnResults(value);
+            result.returnResults(values...);
             return true;
         }
 
     private:
-        sdbus::Result<Value> result;
+        sdbus::Result<Values...> result;
         std::atomic<bool> sent{false};
     };
-    template <typename Value>
-    using ReplyPtr = std::shared_ptr<PendingReply<Value>>;
+    template <typename... Values>
+    using ReplyPtr = std::shared_ptr<PendingReply<Values...>>;
 
     // The boundary of an asynchronous call: `body` gets the pending reply and either answers it or hands it to
     // replyFromWorker. An exception is logged and answered with `failure` (unless the reply went already).
@@ -231,10 +278,11 @@ private:
         }
     }
     // Sends a reply from any thread and wakes the dispatcher so that it goes out at once.
-    template <typename Value>
-    void sendReply(const char* method, PendingReply<Value>& reply, const Value& value) noexcept {
+    template <typename... Values>
+    void sendReply(const char* method, PendingReply<Values...>& reply,
+                   const std::type_identity_t<Values>&... values) noexcept {
         try {
-            reply.send(value);
+            reply.send(values...);
         } catch (const std::exception& err) {
             error("%s: exception: %s", method, err.what());
         }
@@ -338,7 +386,7 @@ private:
     void proxyListenStarted(const uint32_t& session, const bool& status) override;
     void proxyClientConnected(const uint32_t& session, const std::string& ipaddr) override;
     void proxyListenTimeout(const uint32_t& timeout) override;
-    void proxySessionConnected(const uint32_t& session, const uint32_t& pid, const std::string& ipaddr) override;
+    void proxySessionConnected(sdbus::Result<>&& result, uint32_t session, uint32_t pid, std::string ipaddr) override;
     bool vexaConnectRdpTransport(const uint32_t& session, const uint32_t& timeout) override;
     bool vexaCheckProxyListen() override;
     void vexaSessionPolicyConnect(const int32_t& session, const uint32_t& policy) override;

@@ -1,8 +1,6 @@
 // Session shutdown and disconnect requests. Requests only signal processes: a session leaves the registry
 // when the stopped-children watcher sees its session manager gone.
 
-#include <csignal>
-
 #include "dbus_service.h"
 
 namespace Vexa {
@@ -18,7 +16,7 @@ bool DBusService::busSessionShutdown(const std::string& username) {
                 }
                 if (session->pid2 > 0) {
                     info("%s: kill process: %d", self, session->pid2);
-                    kill(session->pid2, SIGTERM);
+                    session->terminate();
                 }
                 return true;
             }
@@ -40,21 +38,53 @@ bool DBusService::vexaSessionShutdown(const uint32_t& id) {
             warning("%s: session not found: 0x%08x", self, id);
             return false;
         }
-        const pid_t pid = sessions.locked([&session](SessionRegistry::Map&) { return session->pid2; });
-        if (pid > 0) {
-            info("%s: kill process: %d", self, pid);
-            kill(pid, SIGTERM);
-        }
+        sessions.locked([&](SessionRegistry::Map&) {
+            if (session->pid2 > 0) {
+                info("%s: kill process: %d", self, session->pid2);
+                session->terminate();
+            }
+        });
         return true;
     });
 }
 
-bool DBusService::vexaDisconnect(const uint32_t&) {
-    return notImplemented("vexaDisconnect", false);
+bool DBusService::disconnectTransports(const SessionPtr& session) {
+    return sessions.locked([&session](SessionRegistry::Map&) {
+        if (!session->haveActiveConnects()) {
+            return false;
+        }
+        // The transports report their own end; their slots are empty by then, so nobody announces it twice.
+        session->resetAllConnects();
+        return true;
+    });
 }
 
-void DBusService::vexaTransportDisplayShutdown(const uint32_t&) {
-    notImplemented("vexaTransportDisplayShutdown");
+bool DBusService::vexaDisconnect(const uint32_t& id) {
+    return boundary("vexaDisconnect", false, [&] {
+        notice("%s: session id: %u", "vexaDisconnect", id);
+        const auto session = findSession(id);
+        if (!session) {
+            warning("%s: session not found: 0x%08x", "vexaDisconnect", id);
+            return false;
+        }
+        return disconnectTransports(session);
+    });
+}
+
+void DBusService::vexaTransportDisplayShutdown(const uint32_t& display) {
+    boundary("vexaTransportDisplayShutdown", [&] {
+        debug("%s: display id: %u", "vexaTransportDisplayShutdown", display);
+        const auto session = findDisplaySession(display);
+        if (!session) {
+            return;
+        }
+        sessions.locked([&session](SessionRegistry::Map&) {
+            session->disconnectedTimepoint = std::chrono::system_clock::now();
+            if (session->seamlessMode && session->pid2 > 0) {
+                session->seamlessStopTime = std::chrono::steady_clock::now();
+            }
+        });
+    });
 }
 
 } // namespace Vexa

@@ -17,10 +17,6 @@ namespace Vexa {
 
 using namespace std::chrono_literals;
 
-namespace {
-constexpr int auditUserLogout = 1198;
-} // namespace
-
 void DBusService::stoppedChildsWatcher() {
     std::vector<SessionPtr> ended;
     sessions.lockedWith(children.lock, [&](SessionRegistry::Map& map) {
@@ -74,7 +70,7 @@ void DBusService::announceSessionEnd(SessionPtr session) {
             if (slot.pid <= 0) {
                 continue;
             }
-            auditUserMessage(static_cast<uint32_t>(session->display), slot.remoteaddr, auditUserLogout,
+            auditUserMessage(static_cast<uint32_t>(session->display), slot.remoteaddr, auditUserSession,
                              "VEXA:SessionLogout", session->user ? session->user->name : std::string(), true);
             emitSignal("signalSessionDisconnected", [&] {
                 emitSignalSessionDisconnected(session->sid, static_cast<uint32_t>(slot.pid), slot.remoteaddr);

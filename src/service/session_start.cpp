@@ -35,7 +35,6 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr const char* self = "startSession";
-constexpr int auditUserLogin = 1198;
 
 // However quiet the events, a wait looks again this often: a missed one costs no more than that.
 constexpr auto recheck = 500ms;
@@ -129,7 +128,10 @@ StartSessionResult DBusService::launch(const SessionPtr& session, const StartSes
         return {nullptr, StartStatus::StartFailed};
     }
     auto manager = runSessionManager(session.get(), plan);
-    sessions.locked([&session, pid = manager.pid](SessionRegistry::Map&) { session->pid2 = pid; });
+    sessions.locked([&session, &manager](SessionRegistry::Map&) {
+        session->pid2 = manager.pid;
+        session->pid2fd = std::move(manager.pidfd);
+    });
     {
         std::lock_guard guard(children.lock);
         children.entries.push_back(ChildEntry{manager.pid, manager.status});
@@ -206,7 +208,9 @@ DBusService::SessionManagerProcess DBusService::runSessionManager(const Session*
     }
     std::string text = encodePlan(plan);
     auto started = startSessionManagerProgram(sessionManagerProgram, {}, text);
-    return {started.pid, Utils::waitChildBack(started.pid).share(), std::move(started.channel)};
+    // Our own child cannot be reaped before the reaper is told about it: its pidfd names it for good.
+    auto pidfd = Utils::processFd(started.pid);
+    return {started.pid, Utils::waitChildBack(started.pid).share(), std::move(started.channel), std::move(pidfd)};
 }
 
 StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, SessionManagerProcess& manager,
@@ -292,7 +296,7 @@ StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, Se
         info("%s: session id: %u, display: %u, systemd cgroup: %s", self, session->sid, display, cgroup.c_str());
     }
 
-    auditUserMessage(display, "", auditUserLogin, "VEXA:SessionLogin", session->user->name, true);
+    auditUserMessage(display, "", auditUserSession, "VEXA:SessionLogin", session->user->name, true);
 
     const auto address = waitSessionBus(session, ended.get());
     if (!address) {

@@ -209,7 +209,8 @@ std::string sessionJson(const Session& session, const std::optional<DisplayGeome
         .number("rdp:keepalive:interval", session.rdpKeepAliveInterval)
         .number("rdp:keepalive:failures", session.rdpKeepAliveFailures)
         .boolean("seamless:mode", session.seamlessMode)
-        .boolean("login:mode", session.loginMode);
+        .boolean("login:mode", session.loginMode)
+        .boolean("session:frozen", session.frozen());
     return json.close();
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <fstream>
+#include <string>
 #include <sys/mount.h>
 
 #include "common/logger.h"
@@ -26,7 +27,7 @@ Session::~Session() {
     }
     if (pid2 > 0) {
         Syslog::debug("kill %s, pid: %d", "xsession", pid2);
-        kill(pid2, SIGTERM);
+        terminate();
     }
     // Files that are not there are no error.
     std::error_code ec;
@@ -40,11 +41,10 @@ Session::~Session() {
     }
 }
 
-void Session::addConnectInfo(int pid, const std::string& remoteaddr) {
+void Session::addConnectInfo(int pid, const std::string& remoteaddr, Utils::UniqueFd pidfd) {
     auto free = std::find_if(transports.begin(), transports.end(), [](const auto& slot) { return slot.pid == 0; });
     if (free != transports.end()) {
-        free->pid = pid;
-        free->remoteaddr = remoteaddr;
+        free->attach(pid, std::move(pidfd), remoteaddr);
     }
 }
 
@@ -96,6 +96,29 @@ void Session::sessionFreeze(bool freeze) const {
     }
     std::ofstream out(control);
     out << (freeze ? "1" : "0") << std::endl;
+}
+
+bool Session::frozen() const {
+    if (systemdCgroup.empty()) {
+        return false;
+    }
+    std::ifstream in(std::filesystem::path("/sys/fs/cgroup/" + systemdCgroup) / "cgroup.events");
+    std::string key;
+    std::string value;
+    while (in >> key >> value) {
+        if (key == "frozen") {
+            return value == "1";
+        }
+    }
+    return false;
+}
+
+bool Session::terminate() const {
+    if (pid2 <= 0) {
+        return false;
+    }
+    sessionFreeze(false);
+    return Utils::signalProcess(pid2fd.get(), SIGTERM);
 }
 
 std::filesystem::path Session::dbusSessionPath() const {

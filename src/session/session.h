@@ -38,8 +38,9 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    // Stores the transport in the first free slot (pid 0); with all four taken nothing is stored.
-    void addConnectInfo(int pid, const std::string& remoteaddr);
+    // Stores the transport (with its pidfd) in the first free slot (pid 0); with all four taken nothing is
+    // stored.
+    void addConnectInfo(int pid, const std::string& remoteaddr, Utils::UniqueFd pidfd);
     // The slot holding this pid, if any.
     TransportInfo* findConnectInfo(int pid);
     // Some slot holds a running transport.
@@ -59,6 +60,12 @@ public:
     // happens only when no transport runs and "disconnected:freeze" is set; a thaw is always written. Does
     // nothing, silently, when the session's cgroup has no freezer file.
     void sessionFreeze(bool freeze) const;
+    // The session's cgroup reports its processes frozen.
+    bool frozen() const;
+
+    // Sends SIGTERM to the session manager through its pidfd, after thawing the session: a frozen process
+    // would not act on it until a transport came back. False when there is nothing to signal.
+    bool terminate() const;
 
     const uint32_t sid;
     std::shared_ptr<UserEx> user;
@@ -80,6 +87,7 @@ public:
     uint32_t clipboardLimit = 0;
 
     int32_t pid2 = 0;       // session manager; > 0 while it runs
+    Utils::UniqueFd pid2fd; // pidfd of pid2, taken before it could be reaped
     int32_t assistance = 0; // remote-assistance process, 0 if none
 
     SystemTime startedTimepoint;

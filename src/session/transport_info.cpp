@@ -3,7 +3,6 @@
 #include <csignal>
 
 #include "common/logger.h"
-#include "common/utils.h"
 
 namespace Vexa {
 
@@ -11,21 +10,28 @@ TransportInfo::~TransportInfo() {
     reset(false);
 }
 
+void TransportInfo::attach(pid_t transportPid, Utils::UniqueFd transportFd, const std::string& address) {
+    pid = transportPid;
+    pidfd = std::move(transportFd);
+    remoteaddr = address;
+}
+
 bool TransportInfo::isConnected() const noexcept {
-    return Utils::processRunning(pid);
+    return pid > 0 && Utils::processAlive(pidfd.get());
 }
 
 bool TransportInfo::notAlive() const noexcept {
-    return pid >= 1 && !Utils::processRunning(pid);
+    return pid >= 1 && !isConnected();
 }
 
 void TransportInfo::reset(bool keepProcess) {
-    if (!keepProcess && Utils::processRunning(pid)) {
+    if (!keepProcess && isConnected()) {
         Syslog::debug("%s: kill pid: %d, remoteaddr: `%s'", "reset", pid, remoteaddr.c_str());
-        kill(pid, SIGTERM);
+        Utils::signalProcess(pidfd.get(), SIGTERM);
     }
     pid = 0;
     remoteaddr.clear();
+    pidfd.reset();
 }
 
 } // namespace Vexa

@@ -2,9 +2,13 @@
 
 // One attached RDP transport (a slot of a session). Not copyable: destroying a slot terminates its process.
 // Reached through its session, so guarded by the sessions lock.
+// The process is known by a pidfd taken when it registered: liveness and signals go through it, so a pid
+// that the kernel hands to another process after the transport ended is never signalled.
 
 #include <string>
 #include <sys/types.h>
+
+#include "common/events.h"
 
 namespace Vexa {
 
@@ -16,7 +20,10 @@ public:
     TransportInfo(const TransportInfo&) = delete;
     TransportInfo& operator=(const TransportInfo&) = delete;
 
-    // The transport's process exists.
+    // Takes the slot for a registered transport.
+    void attach(pid_t transportPid, Utils::UniqueFd transportFd, const std::string& address);
+
+    // The transport's process still runs (a slot without a pidfd never does).
     bool isConnected() const noexcept;
     // The slot was used and its process has gone (a free slot is never "not alive").
     bool notAlive() const noexcept;
@@ -25,6 +32,43 @@ public:
 
     pid_t pid = 0; // 0: the slot is free
     std::string remoteaddr;
+
+private:
+    Utils::UniqueFd pidfd; // of `pid`, from its registration
 };
+
+// Whether a caller of the transport registration may register `pid` as its transport: root may register any
+// process; anyone else only itself or one of its descendants (`parentOf` walks up the process tree). Whether
+// the process still runs is checked through its pidfd, taken before this check.
+struct TransportCaller {
+    pid_t pid = -1;
+    uid_t uid = static_cast<uid_t>(-1);
+};
+template <typename ParentOf>
+bool transportPidAccepted(pid_t pid, const TransportCaller& caller, ParentOf&& parentOf) {
+    if (pid <= 0) {
+        return false;
+    }
+    if (caller.uid == 0) {
+        return true;
+    }
+    if (caller.pid <= 0) {
+        return false;
+    }
+    // The kernel's pid_max bounds the depth of any real tree; a loop in made-up data must still end.
+    constexpr int maxDepth = 4096;
+    pid_t current = pid;
+    for (int depth = 0; depth < maxDepth && current > 1; ++depth) {
+        if (current == caller.pid) {
+            return true;
+        }
+        const auto parent = parentOf(current);
+        if (!parent) {
+            return false;
+        }
+        current = *parent;
+    }
+    return current == caller.pid;
+}
 
 } // namespace Vexa

@@ -80,6 +80,8 @@ SessionStarter::Admitted SessionStarter::admit(const StartSessionArgs& args, con
         session->xsessionName = args.sessionName;
         session->xsessionProg = args.program;
         session->xsessionArgs = args.args;
+        // A published program runs on its own, without a desktop: a seamless session.
+        session->seamlessMode = args.mode == RunMode::UserSession;
         if (args.mode == RunMode::LoginHelper) {
             session->loginMode = true;
             session->durationLimit = loginDurationLimit;

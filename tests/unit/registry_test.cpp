@@ -9,16 +9,11 @@
 #include <gtest/gtest.h>
 
 #include "session/registry.h"
+#include "test_support.h"
 
 using namespace Vexa;
 
 namespace {
-
-std::shared_ptr<UserEx> makeUser(const char* name) {
-    passwd entry{};
-    entry.pw_name = const_cast<char*>(name);
-    return std::make_shared<UserEx>(entry, false);
-}
 
 std::shared_ptr<Session> makeSession(uint32_t id, std::shared_ptr<UserEx> user, int32_t display) {
     auto session = std::make_shared<Session>(id, std::move(user), ServiceDefaults{});
@@ -47,12 +42,12 @@ int reap(pid_t pid) {
 
 TEST(RegistryTest, LookupsByIdDisplayAndExactUserName) {
     SessionRegistry registry;
-    auto alice = makeUser("alice");
+    auto alice = TestSupport::namedUser("alice");
     ASSERT_TRUE(registry.add(makeSession(7, alice, 101)));
     ASSERT_TRUE(registry.add(makeSession(8, alice, 102)));
-    ASSERT_TRUE(registry.add(makeSession(10, makeUser("carol"), -1))); // no display chosen yet
-    EXPECT_FALSE(registry.add(makeSession(0, alice, 104)));            // ids are non-zero
-    EXPECT_FALSE(registry.add(makeSession(8, alice, 105)));            // and unique
+    ASSERT_TRUE(registry.add(makeSession(10, TestSupport::namedUser("carol"), -1))); // no display chosen yet
+    EXPECT_FALSE(registry.add(makeSession(0, alice, 104)));                          // ids are non-zero
+    EXPECT_FALSE(registry.add(makeSession(8, alice, 105)));                          // and unique
 
     EXPECT_EQ(registry.findDisplaySession(101)->sid, 7u);
     EXPECT_EQ(registry.findDisplaySession(static_cast<uint32_t>(-1)), nullptr);
@@ -70,31 +65,38 @@ TEST(RegistryTest, LookupsByIdDisplayAndExactUserName) {
 }
 
 TEST(RegistryTest, TransportSlotsAreReusedWhenFreeAndRunningTransportsAreTerminated) {
-    // Above the kernel's largest pid_max: a transport that has gone, and that no slot can signal.
-    constexpr pid_t gone = 0x7FFFFF00;
     const pid_t kept = spawn();
     const pid_t ended = spawn();
     const pid_t last = spawn();
+    // A transport that has gone: reaped before it registers, so its pidfd says it ended.
+    const pid_t gone = spawn();
+    auto goneFd = Utils::processFd(gone);
+    ::kill(gone, SIGKILL);
+    EXPECT_EQ(reap(gone), SIGKILL);
     {
-        Session session(1, makeUser("u"), ServiceDefaults{});
-        EXPECT_FALSE(session.transports[0].notAlive());                      // a free slot never is
-        for (const pid_t pid : {gone, kept, gone + 2, gone + 3, gone + 4}) { // the fifth is not recorded
-            session.addConnectInfo(pid, "10.0.0.1");
-        }
-        EXPECT_EQ(session.findConnectInfo(gone + 4), nullptr);
+        Session session(1, TestSupport::namedUser("u"), ServiceDefaults{});
+        EXPECT_FALSE(session.transports[0].notAlive()); // a free slot never is
+        session.addConnectInfo(gone, "10.0.0.1", std::move(goneFd));
+        session.addConnectInfo(kept, "10.0.0.2", Utils::processFd(kept));
+        // A pid registered without a pidfd is never taken for a running process.
+        session.addConnectInfo(kept, "10.0.0.3", Utils::UniqueFd());
+        session.addConnectInfo(kept, "10.0.0.4", Utils::UniqueFd());
+        session.addConnectInfo(last, "10.0.0.9", Utils::processFd(last)); // the fifth is not recorded
+        EXPECT_EQ(session.findConnectInfo(last), nullptr);
         EXPECT_TRUE(session.transports[0].notAlive());
+        EXPECT_TRUE(session.transports[2].notAlive());
         EXPECT_TRUE(session.haveActiveConnects());
 
         // A forced reset frees the slot and leaves the process alone.
-        session.findConnectInfo(kept)->reset(true);
+        session.transports[1].reset(true);
         EXPECT_TRUE(session.transports[1].remoteaddr.empty());
         EXPECT_FALSE(session.haveActiveConnects());
-        session.addConnectInfo(ended, "10.0.0.5");
+        session.addConnectInfo(ended, "10.0.0.5", Utils::processFd(ended));
         EXPECT_EQ(session.transports[1].pid, ended);
         session.resetAllConnects();
         EXPECT_EQ(session.transports[1].pid, 0);
         EXPECT_EQ(reap(ended), SIGTERM);
-        session.addConnectInfo(last, "10.0.0.6");
+        session.addConnectInfo(last, "10.0.0.6", Utils::processFd(last));
     }
     EXPECT_EQ(reap(last), SIGTERM); // on destruction
     ::kill(kept, SIGKILL);
@@ -103,7 +105,7 @@ TEST(RegistryTest, TransportSlotsAreReusedWhenFreeAndRunningTransportsAreTermina
 
 TEST(RegistryTest, LookupsAndWalksFromSeveralThreadsSeeConsistentRecords) {
     SessionRegistry registry;
-    auto user = makeUser("shared");
+    auto user = TestSupport::namedUser("shared");
     constexpr uint32_t perThread = 300;
     std::atomic<bool> go{false};
     auto work = [&](uint32_t base) {

@@ -53,7 +53,7 @@ std::unique_ptr<Session> makeSession(std::shared_ptr<UserEx> user) {
     s->assistance = 17;
     s->startedTimepoint = Session::SystemTime(std::chrono::nanoseconds(1'700'000'000'999'999'999));
     s->onlinedTimepoint = Session::SystemTime(std::chrono::seconds(1'700'000'100));
-    // Above the largest pid_max: the slots are taken, no transport runs and none can be signalled.
+    // Slots taken by transports registered without a pidfd: none runs and none can be signalled.
     s->transports[1].pid = 0x7FFFFF01;
     s->transports[1].remoteaddr = "10.0.0.1";
     s->transports[3].pid = 0x7FFFFF03;
@@ -92,7 +92,7 @@ const std::string policies =
     R"("redirect:audio":true,"redirect:microphone":false,"redirect:drive":false,"redirect:smartcard":false,)"
     R"("redirect:clipboard:server":false,"redirect:clipboard:client":true,"redirect:clipboard:file":false,)"
     R"("redirect:clipboard:limit":5,"policy:connect":3,"disconnected:freeze":true,"rdp:keepalive:interval":8,)"
-    R"("rdp:keepalive:failures":9,"seamless:mode":true,"login:mode":false)";
+    R"("rdp:keepalive:failures":9,"seamless:mode":true,"login:mode":false,"session:frozen":false)";
 
 } // namespace
 

@@ -74,6 +74,7 @@ TEST(SessionTearDown, EndsTheSessionManagerAndRemovesItsFiles) {
     {
         Session session(7, alice(dir.path), ServiceDefaults{});
         session.pid2 = child;
+        session.pid2fd = Utils::processFd(child);
         session.xauthfile = dir.path / "xauth_101";
         busFile = session.dbusSessionPath();
         std::filesystem::create_directories(busFile.parent_path());

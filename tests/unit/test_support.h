@@ -5,12 +5,15 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <memory>
+#include <pwd.h>
 #include <string>
 #include <string_view>
 
 #include <gtest/gtest.h>
 
 #include "common/logger.h"
+#include "session/user_info.h"
 
 namespace TestSupport {
 
@@ -21,6 +24,13 @@ inline std::string logged(const std::function<void()>& call) {
     call();
     Vexa::Syslog::setDebugLevel(Vexa::DebugLevel::None);
     return ::testing::internal::GetCapturedStderr();
+}
+
+// A user record with only a name.
+inline std::shared_ptr<Vexa::UserEx> namedUser(const char* name) {
+    passwd entry{};
+    entry.pw_name = const_cast<char*>(name);
+    return std::make_shared<Vexa::UserEx>(entry, false);
 }
 
 inline bool contains(const std::string& text, std::string_view part) {

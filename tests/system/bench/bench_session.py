@@ -4,7 +4,7 @@ phases, concurrent and wrong-password starts, vexaStatus latency under load, idl
 with many live sessions and over many start/stop cycles. Prints tables and a summary; asserts nothing.
 
     bench_session.py [--only SECTION,...] [-n N] [--many N] [--cycles N] [--idle-seconds S]
-                     [--xserver xvfb,xorg] [--hold S]
+                     [--disconnects N] [--xserver xvfb,xorg] [--hold S]
 
 Runs as root beside a running system bus and logind (the container of run-container). For each X server
 configuration it writes /etc/vexa/vexa_service.json (the installed file, "debug:level": "debug" and the X
@@ -17,6 +17,8 @@ server keys), restarts vexa.service once and runs the sections in this order aga
   status      vexaStatus called every 10 ms by a process of its own during the concurrent starts (which it
               runs too): latency percentiles
   wrongpass   a correct start alone, then one sent right behind three wrong passwords of other users
+  disconnect  --disconnects transports of one session, each registered, kept a random part of 750 ms and
+              killed (SIGKILL): ms from the kill to the arrival of signalSessionDisconnected
   idle        context switches of the daemon's threads over --idle-seconds with no session
   many        --many sessions of as many users started one after the other, kept alive, then ended: start
               times per tenth of the run, threads and VmRSS before and with all live
@@ -29,8 +31,10 @@ import argparse
 import json
 import multiprocessing
 import pathlib
+import random
 import re
 import statistics
+import subprocess
 import sys
 import time
 
@@ -46,10 +50,20 @@ XSERVERS = {
              "xvfb:args": [":%{display}", "-nolisten", "tcp", "-auth", "%{authfile}",
                            "-screen", "0", "%{width}x%{height}x%{depth}", "-I"]},
 }
-SECTIONS = ["sequential", "concurrent", "status", "wrongpass", "idle", "many", "cycles"]
+SECTIONS = ["sequential", "concurrent", "status", "wrongpass", "disconnect", "idle", "many", "cycles"]
 PASSWORD = "Vexa-bench-P4ss"
 CONCURRENT, WRONG = 6, 3
 CALL_TIMEOUT = 300  # s; a request waits behind every request queued before it
+# A transport as the RDP transports are: registers itself with the daemon, says so, and waits.
+TRANSPORT = """
+import os, signal, sys
+import dbus
+dbus.SystemBus().call_blocking("ru.kelvo.vexa", "/ru/kelvo/vexa", "ru.kelvo.vexa", "proxySessionConnected", "uus",
+                               (int(sys.argv[1]), os.getpid(), sys.argv[2]))
+print("registered", flush=True)
+while True:
+    signal.pause()
+"""
 # milestone: (SYSLOG_IDENTIFIER, pattern of MESSAGE); the first match after the call counts
 MILESTONES = {
     "request received": ("vexa_service", r"vexaSessionRequest: "),
@@ -279,6 +293,49 @@ class Bench:
         self.note(f"wrongpass: correct alone {alone[0]:.1f} ms, behind {WRONG} wrong {behind[0]:.1f} ms; wrong ms "
                   + " ".join(f"{replies[name][0]:.0f} ({replies[name][1]})" for name in wrong))
 
+    def disconnect(self):
+        count = self.args.disconnects
+        sid, _ = start(self.svc, user(1))
+        arrived = {}
+
+        def heard(session, pid, _addr):
+            if int(session) == sid:
+                arrived[int(pid)] = time.monotonic()
+
+        match = self.svc.bus.add_signal_receiver(heard, "signalSessionDisconnected", INTERFACE)
+        wake = GLib.timeout_add(100, lambda: True)  # so that a signal that never comes cannot block the wait
+        # The daemon looks for dead transports every 750 ms. A kill right after the previous signal would come at
+        # the same point of that period every time; a pause of a random part of it spreads the kills over it.
+        pauses, delays = random.Random(750), []
+        try:
+            for n in range(count):
+                transport = subprocess.Popen(["/usr/bin/python3", "-c", TRANSPORT, str(sid), f"198.51.100.{n + 1}"],
+                                             stdout=subprocess.PIPE, text=True)
+                if transport.stdout.readline().strip() != "registered":
+                    raise RuntimeError(f"disconnect: transport {n + 1} did not register")
+                time.sleep(pauses.uniform(0, 0.75))
+                killed = time.monotonic()
+                transport.kill()
+                transport.wait()  # reaped at once: the pid of a zombie still answers kill(pid, 0)
+                # the signal is timed when it is dispatched, which a blocking iteration does as soon as it arrives
+                while transport.pid not in arrived and time.monotonic() < killed + 10:
+                    GLib.MainContext.default().iteration(True)
+                if transport.pid not in arrived:
+                    raise RuntimeError(f"disconnect: no signalSessionDisconnected for transport {n + 1} "
+                                       f"(pid {transport.pid}) within 10 s")
+                delays.append((arrived[transport.pid] - killed) * 1000)
+        finally:
+            GLib.source_remove(wake)
+            match.remove()
+        end(self.svc, [sid])
+        print(f"\ndisconnect: {count} transports of one session, each registered and then killed (SIGKILL); "
+              f"ms from the kill to signalSessionDisconnected")
+        print(f"  {'median':>8} {'min':>8} {'max':>8}")
+        print(f"  {statistics.median(delays):8.1f} {min(delays):8.1f} {max(delays):8.1f}")
+        print("  each: " + " ".join(f"{ms:.0f}" for ms in delays))
+        self.note(f"disconnect n={count}: kill to signalSessionDisconnected median {statistics.median(delays):.1f} "
+                  f"min {min(delays):.1f} max {max(delays):.1f} ms")
+
     def idle(self):
         if self.svc.value("vexaSessions"):
             raise RuntimeError("idle: sessions are still listed")
@@ -376,6 +433,8 @@ def main():
     parser.add_argument("--idle-seconds", type=float, default=30, help="idle: seconds measured (default 30)")
     parser.add_argument("--many", type=int, default=100, help="many: live sessions of as many users (default 100)")
     parser.add_argument("--cycles", type=int, default=200, help="cycles: start/stop cycles (default 200)")
+    parser.add_argument("--disconnects", type=int, default=10,
+                        help="disconnect: transports killed one after the other (default 10)")
     parser.add_argument("--xserver", default="xvfb", help="configurations, of: " + ",".join(XSERVERS))
     parser.add_argument("--out", help="ignored; results go to standard output")
     args = parser.parse_args()
