@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <csignal>
 #include <cstring>
 
 #include "logger.h"
@@ -145,10 +144,6 @@ std::string errnoText(int err) {
     char buf[256];
     // GNU strerror_r: returns either buf or a static text.
     return strerror_r(err, buf, sizeof(buf));
-}
-
-bool processRunning(pid_t pid) noexcept {
-    return pid > 0 && kill(pid, 0) == 0;
 }
 
 } // namespace Vexa::Utils

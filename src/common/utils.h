@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <sys/types.h>
 #include <vector>
 
 namespace Vexa::Utils {
@@ -31,9 +30,6 @@ std::u16string string2unicode(std::string_view text);
 
 // Thread-safe text of an errno value (what strerror would say).
 std::string errnoText(int err);
-
-// A pid is running when it is positive and kill(pid, 0) succeeds.
-bool processRunning(pid_t pid) noexcept;
 
 } // namespace Vexa::Utils
 
