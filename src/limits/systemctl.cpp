@@ -34,13 +34,18 @@ std::string systemctlCommandText(const std::string& unit, const std::vector<Prop
     return text;
 }
 
-int systemctlSetProperties(const char* caller, const std::string& unit,
-                           const std::vector<PropertyAssignment>& assignments) {
+std::list<std::string> systemctlArguments(const std::string& unit, const std::vector<PropertyAssignment>& assignments) {
     std::list<std::string> args{"set-property", unit};
     for (const auto& [name, value] : assignments) {
         args.push_back(name);
         args.back().append("=").append(value);
     }
+    return args;
+}
+
+int systemctlSetProperties(const char* caller, const std::string& unit,
+                           const std::vector<PropertyAssignment>& assignments) {
+    const auto args = systemctlArguments(unit, assignments);
     int status = -1;
     try {
         status = Utils::waitStatus(Utils::runChildProcess(systemctlPath, args, {}, nullptr, "/dev/null"));
@@ -67,6 +72,15 @@ int systemctlSetUserProperties(uid_t uid, const ResourceLimits& limits) {
         return 0;
     }
     return systemctlSetProperties("systemctlSetUserProperties", userSliceName(uid), assignments);
+}
+
+int systemctlSetProperty(const std::string& unit, ResourceControl control, const std::string& value) {
+    const char* name = ResourceControlSystemdName(control);
+    if (!name) {
+        return -1;
+    }
+    return systemctlSetProperties(value.empty() ? "systemctlResetProperty" : "systemctlSetProperty", unit,
+                                  {{name, value}});
 }
 
 int systemctlResetAllUserProperties(uid_t uid) {

@@ -204,6 +204,16 @@ private:
             }
         });
     }
+    // Resource setters (dbus_limits.cpp): the job that sets a control of one session (session >= 0) or of the
+    // slice of `login` and runs systemctl; none for an unknown session or a login without sessions. For every
+    // session (session < 0) the default is set and the runs are queued at once: the call does not wait for them.
+    std::function<void()> sessionResourceJob(const char* method, int32_t session, ResourceControl control,
+                                             const std::string& value);
+    std::function<void()> userResourceJob(const char* method, const std::string& login, ResourceControl control,
+                                          const std::string& value);
+    std::function<void()> refuseCpuWeight(const char* method, uint32_t weight);
+    // Answers a resource setter once its job has run on the resource worker (at once without a job).
+    void answerAfterResourceJob(sdbus::Result<>&& result, const char* method, std::function<void()> job);
     // One of the four time limits of a session, or of every session and the default (dbus_timeouts.cpp).
     void setSessionLimit(const char* method, int32_t session, uint32_t limit, uint32_t Session::*field,
                          uint32_t ServiceDefaults::*defaultField);
@@ -432,26 +442,26 @@ private:
 
     // Resource limits and freeze (dbus_limits.cpp)
     uint32_t vexaCpuWeightDefault() override;
-    void vexaSessionLimitCpuWeight(const int32_t& session, const uint32_t& weight) override;
-    void vexaUserLimitCpuWeight(const std::string& login, const uint32_t& weight) override;
+    void vexaSessionLimitCpuWeight(sdbus::Result<>&& result, int32_t session, uint32_t weight) override;
+    void vexaUserLimitCpuWeight(sdbus::Result<>&& result, std::string login, uint32_t weight) override;
     uint32_t vexaCpuQuotaDefault() override;
-    void vexaSessionLimitCpuQuota(const int32_t& session, const uint32_t& quota) override;
-    void vexaUserLimitCpuQuota(const std::string& login, const uint32_t& quota) override;
+    void vexaSessionLimitCpuQuota(sdbus::Result<>&& result, int32_t session, uint32_t quota) override;
+    void vexaUserLimitCpuQuota(sdbus::Result<>&& result, std::string login, uint32_t quota) override;
     std::string vexaMemoryHighDefault() override;
-    void vexaSessionLimitMemoryHigh(const int32_t& session, const std::string& memory) override;
-    void vexaUserLimitMemoryHigh(const std::string& login, const std::string& memory) override;
+    void vexaSessionLimitMemoryHigh(sdbus::Result<>&& result, int32_t session, std::string memory) override;
+    void vexaUserLimitMemoryHigh(sdbus::Result<>&& result, std::string login, std::string memory) override;
     std::string vexaMemoryMaxDefault() override;
-    void vexaSessionLimitMemoryMax(const int32_t& session, const std::string& memory) override;
-    void vexaUserLimitMemoryMax(const std::string& login, const std::string& memory) override;
+    void vexaSessionLimitMemoryMax(sdbus::Result<>&& result, int32_t session, std::string memory) override;
+    void vexaUserLimitMemoryMax(sdbus::Result<>&& result, std::string login, std::string memory) override;
     uint32_t vexaTasksMaxDefault() override;
-    void vexaSessionLimitTasksMax(const int32_t& session, const uint32_t& tasks) override;
-    void vexaUserLimitTasksMax(const std::string& login, const uint32_t& tasks) override;
+    void vexaSessionLimitTasksMax(sdbus::Result<>&& result, int32_t session, uint32_t tasks) override;
+    void vexaUserLimitTasksMax(sdbus::Result<>&& result, std::string login, uint32_t tasks) override;
     std::string vexaNetworkDenyDefault() override;
-    void vexaSessionNetworkDeny(const int32_t& session, const std::string& rules) override;
-    void vexaUserNetworkDeny(const std::string& login, const std::string& rules) override;
+    void vexaSessionNetworkDeny(sdbus::Result<>&& result, int32_t session, std::string rules) override;
+    void vexaUserNetworkDeny(sdbus::Result<>&& result, std::string login, std::string rules) override;
     std::string vexaNetworkAllowDefault() override;
-    void vexaSessionNetworkAllow(const int32_t& session, const std::string& rules) override;
-    void vexaUserNetworkAllow(const std::string& login, const std::string& rules) override;
+    void vexaSessionNetworkAllow(sdbus::Result<>&& result, int32_t session, std::string rules) override;
+    void vexaUserNetworkAllow(sdbus::Result<>&& result, std::string login, std::string rules) override;
     bool vexaSessionDisconnectedFreezeDefault() override;
     void vexaSessionDisconnectedFreeze(const int32_t& session, const bool& val) override;
 
@@ -506,6 +516,10 @@ private:
     // every reload); stopped, with every queued call answered, by the stop sequence.
     WorkPool startPool{"startWorker", 8};
     AuthThrottle throttle; // failed logins per user and per caller; thread-safe
+
+    // systemctl runs of the resource setters, one at a time in the order of the calls, so that the last value
+    // set is the last one applied.
+    WorkPool resourcePool{"resourceWorker", 1};
 
     // Short jobs off the bus thread and the watcher (announcing a new or an ended session, the limits file,
     // signals): a few threads for however many sessions come and go at once.

@@ -108,16 +108,7 @@ void DBusService::applyFileLimits(const SessionPtr& session) {
     const auto uid = static_cast<uid_t>(session->user->uid);
     const auto& name = session->user->name;
     auto join = [this, &session](const ResourceLimits& limits) {
-        sessions.locked([&](SessionRegistry::Map&) {
-            for (const auto& [control, value] : limits) {
-                if (value.empty()) {
-                    session->user->userLimits.erase(control);
-                } else {
-                    session->user->userLimits[control] = value;
-                }
-                session->sessionLimits.erase(control);
-            }
-        });
+        sessions.locked([&](SessionRegistry::Map&) { session->resourceLimitsJoin(limits, true); });
     };
     for (const auto& [group, limits] : getScopeLimits("groups")) {
         const auto members = Utils::getGroupMembers(group);
@@ -141,6 +132,7 @@ void DBusService::startWorker(const std::function<void()>& work, std::chrono::mi
 }
 
 void DBusService::waitWorkers() {
+    resourcePool.stop();
     backgroundPool.stop();
 }
 

@@ -64,6 +64,49 @@ void Session::resetAllConnects() {
     }
 }
 
+std::string Session::scopeUnit() const {
+    if (!systemdCgroup.empty()) {
+        return std::filesystem::path(systemdCgroup).filename().string();
+    }
+    return systemdSid.empty() ? std::string() : "session-" + systemdSid + ".scope";
+}
+
+void Session::resourceControlSet(ResourceControl control, const std::string& value, bool userLevel) {
+    if (userLevel && !user) {
+        return;
+    }
+    auto& limits = userLevel ? user->userLimits : sessionLimits;
+    if (value.empty()) {
+        limits.erase(control);
+    } else {
+        limits[control] = value;
+    }
+    if (userLevel) {
+        sessionLimits.erase(control);
+    }
+}
+
+std::string Session::resourceControlValue(ResourceControl control, bool userLevel) const {
+    if (userLevel && !user) {
+        return {};
+    }
+    const auto& limits = userLevel ? user->userLimits : sessionLimits;
+    const auto found = limits.find(control);
+    if (found == limits.end()) {
+        return {};
+    }
+    if (control == ResourceControl::CpuQuota && !found->second.ends_with('%')) {
+        return found->second + '%';
+    }
+    return found->second;
+}
+
+void Session::resourceLimitsJoin(const ResourceLimits& limits, bool userLevel) {
+    for (const auto& [control, value] : limits) {
+        resourceControlSet(control, value, userLevel);
+    }
+}
+
 std::list<std::string> Session::environments() const {
     const std::string displayNumber = std::to_string(display);
     const std::string runtimeDir = user ? user->runtimedir.string() : std::string();

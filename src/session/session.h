@@ -48,6 +48,17 @@ public:
     // Resets all four slots in order; running transports receive SIGTERM.
     void resetAllConnects();
 
+    // The systemd scope logind made for the session ("session-<logind id>.scope"); empty until logind knows it.
+    std::string scopeUnit() const;
+
+    // Resource limits kept for the report: at user level (shared by the user's sessions; setting a control
+    // there removes the session's own override of it) or at session level. An empty value erases the control.
+    void resourceControlSet(ResourceControl control, const std::string& value, bool userLevel);
+    // The value stored at that level, "" when none; a CPU quota always ends in "%".
+    std::string resourceControlValue(ResourceControl control, bool userLevel) const;
+    // resourceControlSet for every entry of `limits`.
+    void resourceLimitsJoin(const ResourceLimits& limits, bool userLevel);
+
     // Environment of every program started inside the session: display, X authority, run-time directory,
     // user, and the smart-card socket of the display.
     std::list<std::string> environments() const;
