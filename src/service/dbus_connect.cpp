@@ -70,7 +70,7 @@ void DBusService::proxyClientConnected(const uint32_t& session, const std::strin
         proxyListen.store(false);
         std::string message = "There was an attempt to connect from a remote address: " + ipaddr;
         startWorker([this, session, message = std::move(message)] {
-            boundary("proxyClientConnected", [&] { vexaSendNotify(session, "", message, 0); });
+            boundary("proxyClientConnected", [&] { sendNotify(session, "", message, 0); });
         });
     });
 }

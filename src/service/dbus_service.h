@@ -475,9 +475,13 @@ private:
     std::vector<uint8_t> vexaProgramIconPng(const std::string& program) override;
 
     // Notifications and remote assistance (dbus_extras.cpp)
-    bool vexaSendNotify(const uint32_t& session, const std::string& header, const std::string& message,
-                        const uint8_t& level) override;
-    bool vexaSessionRemoteAssistance(const uint32_t& session, const bool& start) override;
+    void vexaSendNotify(sdbus::Result<bool>&& result, uint32_t session, std::string header, std::string message,
+                        uint8_t level) override;
+    void vexaSessionRemoteAssistance(sdbus::Result<bool>&& result, uint32_t session, bool start) override;
+    // The work of the two above, on a worker: the notification helper started in the session (false for an
+    // unknown session); the remote-assistance program started (false), found running (true) or stopped (true).
+    bool sendNotify(uint32_t session, const std::string& header, const std::string& message, uint8_t level);
+    bool remoteAssistance(uint32_t session, bool start);
 
     // Display geometry (dbus_display.cpp)
     void vexaSessionGeometry(const uint32_t& session, const uint16_t& width, const uint16_t& height) override;
@@ -516,6 +520,8 @@ private:
     // every reload); stopped, with every queued call answered, by the stop sequence.
     WorkPool startPool{"startWorker", 8};
     AuthThrottle throttle; // failed logins per user and per caller; thread-safe
+
+    std::mutex assistanceLock; // one remote-assistance request at a time: its check and its start go together
 
     // systemctl runs of the resource setters, one at a time in the order of the calls, so that the last value
     // set is the last one applied.

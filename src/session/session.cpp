@@ -29,6 +29,8 @@ Session::~Session() {
         Syslog::debug("kill %s, pid: %d", "xsession", pid2);
         terminate();
     }
+    // A remote-assistance program serves this display only.
+    Utils::signalProcess(assistanceFd.get(), SIGTERM);
     // Files that are not there are no error.
     std::error_code ec;
     for (const auto& file : {xauthfile, dbusSessionPath()}) {

@@ -30,9 +30,9 @@ public:
 
     // A new session takes its limits and policies from the service defaults; it is started and online now.
     Session(uint32_t id, std::shared_ptr<UserEx> user, const ServiceDefaults& defaults);
-    // Tear-down, on whichever thread drops the last reference: the transports and the session manager
-    // receive SIGTERM, the X authority file and the bus address file are removed, and the user's profile is
-    // unmounted when this was the user's last session (a busy profile is left to a background job).
+    // Tear-down, on whichever thread drops the last reference: the transports, the session manager and the
+    // remote-assistance program receive SIGTERM, the X authority file and the bus address file are removed, and the
+    // user's profile is unmounted when this was the user's last session (a busy profile is left to a background job).
     virtual ~Session();
 
     Session(const Session&) = delete;
@@ -97,9 +97,10 @@ public:
     uint32_t seamlessLimit = 0;
     uint32_t clipboardLimit = 0;
 
-    int32_t pid2 = 0;       // session manager; > 0 while it runs
-    Utils::UniqueFd pid2fd; // pidfd of pid2, taken before it could be reaped
-    int32_t assistance = 0; // remote-assistance process, 0 if none
+    int32_t pid2 = 0;             // session manager; > 0 while it runs
+    Utils::UniqueFd pid2fd;       // pidfd of pid2, taken before it could be reaped
+    int32_t assistance = 0;       // remote-assistance process, 0 if none
+    Utils::UniqueFd assistanceFd; // pidfd of `assistance`
 
     SystemTime startedTimepoint;
     SystemTime onlinedTimepoint;

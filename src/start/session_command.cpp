@@ -7,9 +7,9 @@
 
 namespace Vexa {
 
-std::future<int> runSessionCommand(const Session* session, const std::filesystem::path& cmd,
-                                   const std::list<std::string>& args, const std::list<std::string>& extraEnv,
-                                   bool hideArgs) {
+SessionCommand runSessionCommand(const Session* session, const std::filesystem::path& cmd,
+                                 const std::list<std::string>& args, const std::list<std::string>& extraEnv,
+                                 bool hideArgs) {
     if (!session) {
         Syslog::error("%s: session null", "runSessionCommand");
         throw vexa_error("runSessionCommand");
@@ -27,7 +27,8 @@ std::future<int> runSessionCommand(const Session* session, const std::filesystem
     const pid_t pid = Utils::runChildProcess(cmd, args, env, userName.empty() ? nullptr : userName.c_str(), nullptr);
     Syslog::info("%s: session id: %u, username: %s, cmd: %s, args: [ %s ], pid: %d", "runSessionCommand", session->sid,
                  userName.c_str(), cmd.c_str(), hideArgs ? "hidden arguments" : joined.c_str(), pid);
-    return Utils::waitChildBack(pid);
+    auto pidfd = Utils::processFd(pid);
+    return SessionCommand{pid, std::move(pidfd), Utils::waitChildBack(pid)};
 }
 
 } // namespace Vexa

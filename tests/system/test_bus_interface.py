@@ -11,8 +11,7 @@ from conftest import (API_VERSION, BUS_NAME, INTERFACE, OBJECT_PATH, SRC_DIR, VE
 # Declared on the bus but not built yet: each answers an ordinary reply and logs
 # "<name>: not implemented". Remove a name here when its operation lands.
 NOT_IMPLEMENTED = """
-    vexaSendNotify vexaSessionGeometry vexaDisplayResize vexaSessionRemoteAssistance
-    vexaTransportDisplayMonitorsChanged""".split()
+    vexaSessionGeometry vexaDisplayResize vexaTransportDisplayMonitorsChanged""".split()
 
 # Run as a test user: calls the daemon, prints the answer and then signalVexaStopped if it hears it. The daemon
 # leaves the bus after that signal, so the bus delivers the signal before the name's change of owner.

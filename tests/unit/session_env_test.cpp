@@ -49,12 +49,13 @@ TEST(SessionEnvironment, ListsTheDisplayAuthorityUserAndSmartcardSocketInOrder) 
 TEST(SessionCommand, StartsInTheBackgroundAndCanHideItsArguments) {
     Session session(9, nullptr, ServiceDefaults{});
     session.display = 104;
-    std::future<int> status;
+    SessionCommand started;
     const auto log = TestSupport::logged([&] {
-        status = runSessionCommand(&session, "/bin/sh", {"-c", "test \"$DISPLAY$EXTRA\" = :1041 && exit 7"},
-                                   {"EXTRA=1"}, true);
+        started = runSessionCommand(&session, "/bin/sh", {"-c", "test \"$DISPLAY$EXTRA\" = :1041 && exit 7"},
+                                    {"EXTRA=1"}, true);
     });
-    const int raw = status.get();
+    const int raw = started.status.get();
+    EXPECT_FALSE(Utils::processAlive(started.pidfd.get())); // the pidfd names the program that ended
     // the session's environment and the extra variables reached the program
     EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 7) << raw;
     EXPECT_TRUE(TestSupport::contains(
