@@ -14,6 +14,13 @@ constexpr const char* notificationHelper = VEXA_LIBEXEC_DIR "/vexa_notify";
 
 } // namespace
 
+// The child-table lock is taken only to enter the child: the stop sequence ends the workers before it ends the
+// children, so no child started here can be missed by it.
+void DBusService::addChild(SessionCommand& started) {
+    std::lock_guard guard(children.lock);
+    children.entries.push_back(ChildEntry{started.pid, started.status.share()});
+}
+
 bool DBusService::sendNotify(uint32_t session, const std::string& header, const std::string& message, uint8_t level) {
     info("%s: session id: %u, level: %u, message: `%s'", "vexaSendNotify", session, level, message.c_str());
     const auto found = findSession(session);
@@ -29,9 +36,8 @@ bool DBusService::sendNotify(uint32_t session, const std::string& header, const 
         !address.empty()) {
         env.push_back("DBUS_SESSION_BUS_ADDRESS=" + address);
     }
-    std::lock_guard guard(children.lock);
     auto started = runSessionCommand(found.get(), program, args, env, false);
-    children.entries.push_back(ChildEntry{started.pid, started.status.share()});
+    addChild(started);
     return true;
 }
 
@@ -78,9 +84,8 @@ bool DBusService::remoteAssistance(uint32_t session, bool start) {
     if (running || !start) {
         return running;
     }
-    std::lock_guard guard(children.lock);
     auto started = runSessionCommand(found.get(), path, config->getStringList("assistance:args"), {}, false);
-    children.entries.push_back(ChildEntry{started.pid, started.status.share()});
+    addChild(started);
     sessions.locked([&](SessionRegistry::Map&) {
         found->assistance = started.pid;
         found->assistanceFd = std::move(started.pidfd);

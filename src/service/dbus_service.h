@@ -38,6 +38,7 @@
 #include "session/registry.h"
 #include "session/service_defaults.h"
 #include "session/state.h"
+#include "start/session_command.h"
 #include "start/session_manager.h"
 #include "start/session_request.h"
 #include "start/session_starter.h"
@@ -482,6 +483,8 @@ private:
     // unknown session); the remote-assistance program started (false), found running (true) or stopped (true).
     bool sendNotify(uint32_t session, const std::string& header, const std::string& message, uint8_t level);
     bool remoteAssistance(uint32_t session, bool start);
+    // Enters a program started in a session in the child table.
+    void addChild(SessionCommand& started);
 
     // Display geometry (dbus_display.cpp)
     void vexaSessionGeometry(const uint32_t& session, const uint16_t& width, const uint16_t& height) override;

@@ -299,54 +299,6 @@ def test_the_connect_policy_decides_which_transports_attach(daemon, new_user, pr
     assert [t for t in procs.started if t.terminated()] == (admitted[:-1] if policy == "PrevReplace" else [])
 
 
-def test_proxy_handshake_policy_setters_and_display_queries(sessions, new_user, procs):
-    svc = sessions.svc
-    user, _, sid, info = start(sessions, new_user, "e2e-conn-proxy")
-    display, after = info["display"], cursor()
-
-    # The proxy's listen flag: raised when it says it listens for a session (even when that failed), lowered when
-    # a client knocks; an unknown session changes nothing.
-    assert not svc.value("vexaCheckProxyListen")
-    svc.call("proxyListenStarted", "ub", sid + 1000, True)
-    assert not svc.value("vexaCheckProxyListen")
-    svc.call("proxyListenStarted", "ub", sid, False)
-    assert svc.value("vexaCheckProxyListen")
-    svc.call("proxyClientConnected", "us", sid, "192.0.2.9")
-    assert not svc.value("vexaCheckProxyListen")
-    svc.call("proxyListenTimeout", "u", 45)
-    sessions.signal("signalProxyListenTimeout", 45)
-
-    # Connect policies: a number that names none of the three changes nothing; a negative session sets the default
-    # and the policy of every session.
-    for policy in (0, 4):
-        svc.call("vexaSessionPolicyConnect", "iu", sid, policy)
-    assert sessions.info(sid)["policy:connect"] == 2  # the installed default, PrevReplace
-    svc.call("vexaSessionPolicyConnect", "iu", -1, 3)
-    assert (svc.value("vexaPolicyConnectDefault"), sessions.info(sid)["policy:connect"]) == (3, 3)
-    svc.call("vexaSessionPolicyConnect", "iu", sid, 1)
-    assert (svc.value("vexaPolicyConnectDefault"), sessions.info(sid)["policy:connect"]) == (3, 1)
-
-    # What a transport asks about its display.
-    svc.call("vexaSessionInactivityLimit", "iu", sid, 7)
-    assert [svc.value("vexaTransportDisplayInactivity", "u", d) for d in (display, display + 50)] == [7, 0]
-    assert svc.value("vexaTransportDisplayDBusAddress", "u", display) == info["dbus:address"]
-    assert svc.value("vexaTransportDisplayDBusAddress", "u", display + 50) == ""
-
-    lines = [e["MESSAGE"] for e in svc.barrier(after)]
-    for line in [f"proxyListenStarted: session id: {sid}, status: failed",
-                 f"proxyClientConnected: session id: {sid}, ipaddr: 192.0.2.9", "proxyListenTimeout: set timeout: 45",
-                 "vexaSessionPolicyConnect: incorrect policy: 0", "vexaSessionPolicyConnect: incorrect policy: 4",
-                 f"vexaTransportDisplayDBusAddress: display not found: {display + 50}"]:
-        assert line in lines
-    assert not [line for line in lines if line.startswith(f"proxyListenStarted: session id: {sid + 1000}")]
-
-    # A transport that reports its user idle is disconnected; the session lives on.
-    transport = procs.transport(sid, "198.51.100.7")
-    svc.call("vexaTransportDisplayInactivityEvent", "u", display)
-    transport.wait_terminated()
-    assert connects(sessions.info(sid)) == [] and (user, sid) in sessions.listed()
-
-
 def test_a_dead_transport_is_announced_and_a_session_left_without_one_is_frozen(sessions, new_user, procs, cgroups):
     svc = sessions.svc
     _, uid, sid, info = start(sessions, new_user, "e2e-conn-dead")
