@@ -42,6 +42,7 @@
 #include "start/session_manager.h"
 #include "start/session_request.h"
 #include "start/session_starter.h"
+#include "xcb/layout.h"
 
 namespace Vexa {
 
@@ -131,7 +132,7 @@ private:
 
     // Steps of the session start (session_start.cpp), for the starter.
     bool checkPassword(const std::string& user, const std::string& password, const StartContext& context) override;
-    void reuse(Session& session, const StartContext& context) override;
+    void reuse(Session& session, const StartSessionArgs& args, const StartContext& context) override;
     StartSessionResult launch(const SessionPtr& session, const StartSessionArgs& args,
                               const StartContext& context) override;
     // The session manager of a session, started with the plan on its standard input.
@@ -339,14 +340,6 @@ private:
         });
     }
 
-    // Operations whose subsystem is not built yet: logged, answered with the failure value.
-    template <typename Result>
-    static Result notImplemented(const char* method, Result failure) {
-        error("%s: not implemented", method);
-        return failure;
-    }
-    static void notImplemented(const char* method) { error("%s: not implemented", method); }
-
     // D-Bus operations, by subsystem.
     // Service core (dbus_core.cpp)
     void busServiceShutdown() override;
@@ -486,13 +479,24 @@ private:
     // Enters a program started in a session in the child table.
     void addChild(SessionCommand& started);
 
-    // Display geometry (dbus_display.cpp)
-    void vexaSessionGeometry(const uint32_t& session, const uint16_t& width, const uint16_t& height) override;
-    bool vexaDisplayResize(const uint32_t& display, const uint16_t& width, const uint16_t& height) override;
-    bool vexaTransportDisplayMonitorsChanged(
-        const uint32_t& display,
-        const std::vector<sdbus::Struct<uint32_t, int32_t, int32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t,
-                                        uint32_t, uint32_t>>& monitors) override;
+    // Display geometry (dbus_display.cpp); answered from a start worker once the X server reports the new size.
+    void vexaSessionGeometry(sdbus::Result<>&& result, uint32_t session, uint16_t width, uint16_t height) override;
+    void vexaDisplayResize(sdbus::Result<bool>&& result, uint32_t display, uint16_t width, uint16_t height) override;
+    void
+    vexaTransportDisplayMonitorsChanged(sdbus::Result<bool>&& result, uint32_t display,
+                                        std::vector<sdbus::Struct<uint32_t, int32_t, int32_t, uint32_t, uint32_t,
+                                                                  uint32_t, uint32_t, uint32_t, uint32_t, uint32_t>>
+                                            monitors) override;
+    // One monitor of that size, or nullopt (logged) when the size is refused (xcb/layout.h).
+    std::optional<Xcb::Layout> requestedLayout(const char* method, uint32_t width, uint32_t height) const;
+    // Brings the session's display to the layout and waits until its X server reports the new size (blocks: a
+    // worker's call); false (logged) when the session is frozen or the display could not take the layout.
+    bool waitSessionGeometryUpdate(Session& session, const Xcb::Layout& layout);
+    // Answers `reply` from a start worker with the outcome of the update; false at once without a session or
+    // layout.
+    void replyGeometryUpdate(const char* method, const ReplyPtr<bool>& reply, SessionPtr session,
+                             std::optional<Xcb::Layout> layout);
+    SessionPtr findDisplaySessionLogged(const char* method, uint32_t display) const;
 
     const std::filesystem::path configPath;
     const std::filesystem::path storeDir{sessionsStoreDir};

@@ -26,6 +26,7 @@
 #include "limits/systemctl.h"
 #include "start/session_manager.h"
 #include "start/xserver.h"
+#include "xcb/xauth_file.h"
 
 namespace Vexa {
 
@@ -111,9 +112,12 @@ bool DBusService::checkPassword(const std::string& user, const std::string& pass
     return checkPasswordWith(context.config->getString("pam:service", "vexa"), user, password);
 }
 
-void DBusService::reuse(Session& session, const StartContext& context) {
+void DBusService::reuse(Session& session, const StartSessionArgs& args, const StartContext& context) {
     session.sessionFreeze(false);
-    // The display keeps its size: the X server was started with the size of the first request.
+    // A display that cannot take the new size keeps its own: the session is still handed out.
+    if (const auto layout = requestedLayout(self, args.width, args.height)) {
+        waitSessionGeometryUpdate(session, *layout);
+    }
     std::error_code ec;
     fs::permissions(session.xauthfile, fs::perms(0640), fs::perm_options::replace, ec);
     Utils::setOwner(session.xauthfile, session.user ? session.user->name : std::string(),

@@ -7,6 +7,8 @@
 #include <sys/mount.h>
 
 #include "common/logger.h"
+#include "xcb/display_geometry.h"
+#include "xcb/xauth_file.h"
 #include "profile.h"
 #include "redirect_policy.h"
 
@@ -41,6 +43,27 @@ Session::~Session() {
     if (user && user.use_count() == 1 && user->profileMounted && umount(user->profileMountPoint.c_str()) != 0) {
         startProfileCloseJob(user->profileMountPoint, static_cast<uid_t>(user->uid));
     }
+}
+
+bool Session::createXcbConnector() {
+    xcbConnector.reset();
+    try {
+        const auto cookie = Utils::readXauthfile(xauthfile);
+        xcbConnector = std::make_unique<Xcb::Connector>(static_cast<uint32_t>(display), &cookie);
+        Syslog::debug("%s: %s success", "createXcbConnector", "X11 connector");
+        return true;
+    } catch (const std::exception&) {
+        Syslog::error("%s: %s failed", "createXcbConnector", "X11 connector");
+        return false;
+    }
+}
+
+bool Session::updateGeometry(const Xcb::Layout& layout) {
+    const std::lock_guard guard(geometryLock);
+    if ((!xcbConnector || xcbConnector->hasError()) && !createXcbConnector()) {
+        return false;
+    }
+    return Xcb::applyLayout(*xcbConnector, layout);
 }
 
 void Session::addConnectInfo(int pid, const std::string& remoteaddr, Utils::UniqueFd pidfd) {

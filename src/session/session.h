@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -18,6 +19,8 @@
 #include "service_defaults.h"
 #include "transport_info.h"
 #include "user_info.h"
+#include "xcb/connector.h"
+#include "xcb/layout.h"
 
 namespace Vexa {
 
@@ -74,6 +77,13 @@ public:
     // The session's cgroup reports its processes frozen.
     bool frozen() const;
 
+    // Connects to the session's X server with the session's X authority cookie, for its geometry; on failure
+    // (logged) the session has no connector. The caller holds geometryLock.
+    bool createXcbConnector();
+    // Brings the session's display to the layout (xcb/display_geometry.h) through its connector, made or made again
+    // as needed; false (logged) when the display could not be reached or refused the layout. Takes geometryLock.
+    bool updateGeometry(const Xcb::Layout& layout);
+
     // Sends SIGTERM to the session manager through its pidfd, after thawing the session: a frozen process
     // would not act on it until a transport came back. False when there is nothing to signal.
     bool terminate() const;
@@ -126,6 +136,13 @@ public:
     uint32_t rdpKeepAliveFailures = 0;
     bool seamlessMode = false;
     bool loginMode = false;
+
+    // The connection to the session's X server that serves its geometry requests, made on first use and made again
+    // after it broke. Guarded by geometryLock, which is held across X requests and runs of the mode-line tool; it
+    // is never taken under the sessions lock, nor the sessions lock under it (display and xauthfile do not change
+    // once the session runs).
+    std::mutex geometryLock;
+    std::unique_ptr<Xcb::Connector> xcbConnector;
 
     // Not saved.
     SteadyTime seamlessStopTime{}; // epoch: none

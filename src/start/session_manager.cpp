@@ -302,6 +302,13 @@ int runSessionManagerProcess(SessionManagerPlan plan) {
         xorg = runXorgDisplay(&session, plan.xorgArgs, plan.xorgPath, env, plan.depth, plan.width, plan.height);
         waitXorgSocket(plan.xorgSocket, plan.display, xorg, serviceStopFd());
         if (!stopRequested) {
+            // The server may start at a size of its own (Xorg's dummy driver does): the session's programs start
+            // at the client's. A server that cannot take it keeps its size; the session still runs.
+            const auto layout = Xcb::screenLayout(plan.width, plan.height);
+            if (const auto* wanted = std::get_if<Xcb::Layout>(&layout); !wanted || !session.updateGeometry(*wanted)) {
+                Syslog::error("%s: %s failed, display: %u, width: %u, height: %u", self, "waitSessionGeometryUpdate",
+                              plan.display, plan.width, plan.height);
+            }
             std::list<std::string> args{plan.program.string()};
             args.insert(args.end(), plan.args.begin(), plan.args.end());
             const pid_t child = Utils::runChildProcess(xsessionScript, args, env, plan.user.c_str(), nullptr);

@@ -137,7 +137,7 @@ StartSessionResult SessionStarter::reuse(const SessionPtr& session, const StartS
         Syslog::error("%s: pam checkAuthenticate failed, user: %s", self, args.user.c_str());
         return {nullptr, StartStatus::StartFailed, true};
     }
-    steps.reuse(*session, context);
+    steps.reuse(*session, args, context);
     return {session, StartStatus::Success};
 }
 

@@ -63,8 +63,9 @@ public:
     virtual ~StartSteps() = default;
     // Whether `password` is the password of `user`, who asks for a running session again.
     virtual bool checkPassword(const std::string& user, const std::string& password, const StartContext& context) = 0;
-    // Hands a running session out again: thaws it and opens its X authority file to its group.
-    virtual void reuse(Session& session, const StartContext& context) = 0;
+    // Hands a running session out again: thaws it, brings its display to the requested size and opens its X
+    // authority file to its group.
+    virtual void reuse(Session& session, const StartSessionArgs& args, const StartContext& context) = 0;
     // Starts a registered session, from its run-time directory to its session bus. The result's session is
     // the session when it runs, empty on failure (then the starter takes it out of the registry).
     virtual StartSessionResult launch(const std::shared_ptr<Session>& session, const StartSessionArgs& args,

@@ -13,6 +13,8 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "xcb/xauth_file.h"
+
 namespace Vexa {
 
 class Session;
@@ -63,10 +65,6 @@ namespace Utils {
 
 // Bytes from a per-256-byte-block shuffle of all byte values (mt19937 seeded from the random device).
 std::vector<uint8_t> randomBytes(size_t count);
-// The cookie of the first entry of X authority data; nullopt when the data ends inside that entry.
-std::optional<std::vector<uint8_t>> xauthCookie(std::span<const uint8_t> data);
-// The cookie of the first entry of an X authority file; empty when it cannot be read.
-std::vector<uint8_t> readXauthfile(const std::filesystem::path& path);
 // The node name; empty (and logged) when it cannot be read.
 std::string getHostname();
 // chown to the user and group names (unknown names leave that id unchanged); false on failure.

@@ -25,7 +25,7 @@ def start_session(service, files, user, xserver):
 
 # a user of its own per session: logind ends the user's manager only some seconds after the session
 @pytest.mark.parametrize("user, xserver, dimensions", [
-    ("e2e-xorg", {}, "1024x768"),  # the installed Xorg, the built-in arguments: the dummy screen of /etc/X11/vexa.conf
+    ("e2e-xorg", {}, "1280x800"),  # the installed Xorg with the dummy screen of /etc/X11/vexa.conf, resized
     ("e2e-xvfb", XVFB, "1280x800"),
 ])
 def test_server_admits_only_clients_with_the_cookie_of_the_session(service, files, make_user, user, xserver,

@@ -32,7 +32,7 @@ public:
         ++checks;
         return password == "good";
     }
-    void reuse(Session&, const StartContext&) override { ++reuses; }
+    void reuse(Session&, const StartSessionArgs&, const StartContext&) override { ++reuses; }
     StartSessionResult launch(const SessionPtr& session, const StartSessionArgs&, const StartContext&) override {
         const int launch = ++launches;
         std::this_thread::sleep_for(30ms);
