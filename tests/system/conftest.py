@@ -1,8 +1,11 @@
 """Fixtures of the system tier: the real vexa.service under the container's systemd."""
 
+import contextlib
 import json
 import os
 import pathlib
+import pwd
+import signal
 import subprocess
 import time
 import uuid
@@ -31,6 +34,35 @@ VERSION = "VEXA SERVICE v.2.1.5 build(202507220750)"
 API_VERSION = 20240620
 # the daemon's levels, at their syslog priorities
 LEVELS = ["emerg", "alert", "crit", "error", "warning", "notice", "info", "debug"]
+XVFB = {"xvfb:path": "/usr/bin/Xvfb",
+        "xvfb:args": [":%{display}", "-nolisten", "tcp", "-auth", "%{authfile}",
+                      "-screen", "0", "%{width}x%{height}x%{depth}", "-I"]}
+PASSWORD = "Vexa-e2e-S3ss-4kq9"
+PROGRAM = {"session:path": "/usr/bin/sleep", "session:args": ["4242"]}
+
+# A process of the test that writes "SIGTERM <pid>" when it gets one and ends; without arguments it writes
+# "ready <pid>". A transport (arguments: session id, the process to register: "self", "child" for a child it forks,
+# which keeps the handler, or a pid; the address) registers over the system bus as the RDP transports do, then
+# writes "answered <pid> <own bus name>". Every line is one write: a transport and its child share the file.
+TRANSPORT = r"""
+import os, signal, sys
+def say(*words):
+    os.write(1, " ".join(map(str, words)).encode() + b"\n")
+def stop(*_):
+    say("SIGTERM", os.getpid())
+    os._exit(0)
+signal.signal(signal.SIGTERM, stop)
+if len(sys.argv) == 1:
+    say("ready", os.getpid())
+elif pid := os.getpid() if sys.argv[2] == "self" else os.fork() if sys.argv[2] == "child" else int(sys.argv[2]):
+    import dbus
+    bus = dbus.SystemBus()
+    bus.call_blocking("ru.kelvo.vexa", "/ru/kelvo/vexa", "ru.kelvo.vexa", "proxySessionConnected", "uus",
+                      (int(sys.argv[1]), pid, sys.argv[3]))
+    say("answered", pid, bus.get_unique_name())
+while True:
+    signal.pause()
+"""
 
 
 def pump():
@@ -73,6 +105,17 @@ def journal(after, pid=None, message=None, idents=("vexa_service",)):
             and message in (None, e.get("MESSAGE"))]
 
 
+def dispatch(predicate, timeout, what):
+    """Runs the main loop until `predicate` holds, handling each message as soon as it arrives."""
+    end, wake = time.monotonic() + timeout, GLib.timeout_add(100, lambda: True)  # looks again without messages
+    try:
+        while not predicate():
+            assert time.monotonic() < end, f"timed out after {timeout} s waiting for {what}"
+            GLib.MainContext.default().iteration(True)
+    finally:
+        GLib.source_remove(wake)
+
+
 def wait_line(after, message, pid=None):
     return wait_for(lambda: journal(after, pid, message), what=f"journal line {message!r}")
 
@@ -81,6 +124,37 @@ def assert_level(entry, level):
     """Logged through the daemon's logger (whose functions are named after the levels) at that level."""
     fields = [entry.get(k) for k in ("PRIORITY", "CODE_FILE", "CODE_FUNC")]
     assert fields == [str(LEVELS.index(level)), "src/common/logger.h", level], entry["MESSAGE"]
+
+
+def processes(uid=None, name=None):
+    """{pid: argv} of the live processes, optionally of one owner and one program name. The user's
+    systemd manager (user@UID.service) is not a process of any session: logind stops it on its own,
+    some seconds after the user's last session."""
+    found = {}
+    for entry in pathlib.Path("/proc").iterdir():
+        if not entry.name.isdigit():
+            continue
+        try:
+            argv = (entry / "cmdline").read_bytes().split(b"\0")[:-1]
+            state = (entry / "stat").read_text().rsplit(") ", 1)[1][0]
+            owner = entry.stat().st_uid
+            cgroup = (entry / "cgroup").read_text()
+        except (FileNotFoundError, ProcessLookupError, IndexError):
+            continue
+        if state == "Z" or not argv or "/user@" in cgroup:
+            continue
+        if uid in (None, owner) and name in (None, os.path.basename(argv[0].decode())):
+            found[int(entry.name)] = [a.decode() for a in argv]
+    return found
+
+
+def x_servers(display):
+    return {pid: argv for pid, argv in processes(0).items()
+            if os.path.basename(argv[0]) in ("Xvfb", "Xorg") and f":{display}" in argv}
+
+
+def ended(uid, display):
+    return not processes(uid) and not x_servers(display)
 
 
 class Service:
@@ -139,6 +213,131 @@ class Files:
     def restore(self):
         for path, data in self.saved.items():
             path.unlink() if data is None else path.write_bytes(data)
+
+
+class Sessions:
+    """The running daemon, its signals and the sessions a test asked for."""
+
+    def __init__(self, svc, bus):
+        self.svc, self.signals = svc, []
+        # from this daemon only: those of the one before may still wait to be dispatched
+        self.matches = [bus.add_signal_receiver(
+            lambda *args, member=None: self.signals.append((str(member), [int(a) if isinstance(a, int) else str(a)
+                                                                           for a in args])),
+            None, INTERFACE, bus.get_name_owner(BUS_NAME), member_keyword="member")]
+
+    def request(self, **params):
+        return int(self.svc.value("vexaSessionRequest", "s", json.dumps(params)))
+
+    def new_session(self, new_user, name, **params):
+        """A session of a new user (`params`, else PROGRAM): (user, uid, session id, report)."""
+        user, uid = new_user(name)
+        sid = self.request(username=user, password=PASSWORD, **(params or PROGRAM))
+        assert sid > 0
+        return user, uid, sid, self.info(sid)
+
+    def signal(self, name, *args):
+        return wait_for(lambda: [s for s in self.signals if s[0] == name and s[1][:len(args)] == list(args)],
+                        timeout=15, what=f"{name}{args}")
+
+    def info(self, sid):
+        return json.loads(str(self.svc.value("vexaSessionInfoJson", "u", sid)))
+
+    def listed(self):
+        return {(str(user), int(sid)) for user, sid in self.svc.value("vexaSessions")}
+
+
+class Calls:
+    """Asynchronous calls of the daemon on one connection: the replies (or D-Bus errors) by name, their order of
+    arrival, and the ms from the first call to each."""
+
+    def __init__(self, bus):
+        self.bus, self.replies, self.order, self.ms, self.begin = bus, {}, [], {}, None
+
+    def call(self, name, method, signature, *args):
+        def done(value=None):
+            self.replies[name], self.ms[name] = value, (time.monotonic() - self.begin) * 1000
+            self.order.append(name)
+
+        self.begin = self.begin or time.monotonic()
+        self.bus.call_async(BUS_NAME, OBJECT_PATH, INTERFACE, method, signature, args, done, done, timeout=300)
+
+    def request(self, name, **params):
+        self.call(name, "vexaSessionRequest", "s", json.dumps(params))
+
+    def wait(self, *names, timeout=60):
+        dispatch(lambda: all(n in self.replies for n in names), timeout, f"replies of {names}")
+        return [self.replies[n] for n in names]
+
+
+class Proc:
+    """A process of the test; what it writes goes to a file of its own."""
+
+    def __init__(self, argv, log, **kw):
+        self.log = log
+        with open(log, "wb") as out:
+            self.popen = subprocess.Popen(argv, stdout=out, stderr=subprocess.STDOUT, start_new_session=True, **kw)
+        self.pid = self.popen.pid
+
+    def lines(self):
+        """Its whole lines so far, split into words."""
+        self.popen.poll()  # reaps it once it has ended: a zombie still counts as running
+        text = self.log.read_text()
+        return [line.split() for line in text[:text.rfind("\n") + 1].splitlines()]
+
+    def wait(self, predicate, what):
+        try:
+            return wait_for(predicate, 15, f"{what} from process {self.pid}")
+        except AssertionError as e:
+            raise AssertionError(f"{e}; it wrote: {self.log.read_text()!r}") from None
+
+    def said(self, word):
+        """The words after `word` on the first line that begins with it, once there is one."""
+        return self.wait(lambda: next((line[1:] for line in self.lines() if line[:1] == [word]), None), repr(word))
+
+    def terminated(self):
+        """The pids (its own, or its child's) for which it wrote down a SIGTERM."""
+        return [int(line[1]) for line in self.lines() if line[:1] == ["SIGTERM"]]
+
+    def wait_terminated(self, pid=None):
+        """Waits for the SIGTERM of itself, or of the child `pid`."""
+        self.wait(lambda: (pid or self.pid) in self.terminated(), f"SIGTERM to {pid or self.pid}")
+
+    def kill(self):
+        """Kills it from outside and reaps it, so that its pid is free at once."""
+        os.kill(self.pid, signal.SIGKILL)
+        self.popen.wait()
+
+
+class Procs:
+    """Processes of one test, with their logs in `directory`; stop() kills them and what they started."""
+
+    def __init__(self, directory):
+        self.directory, self.started = pathlib.Path(directory), []
+
+    def start(self, argv, user=None, **kw):
+        self.started.append(Proc(as_user(user, *argv) if user else argv, self.directory / f"{len(self.started)}.log",
+                                 **kw))
+        return self.started[-1]
+
+    def recorder(self, user=None):
+        proc = self.start(["/usr/bin/python3", "-c", TRANSPORT], user)
+        proc.said("ready")
+        return proc
+
+    def transport(self, sid, addr, target="self", user=None):
+        """A transport that has made its call; `registered` is the pid it named."""
+        proc = self.start(["/usr/bin/python3", "-c", TRANSPORT, str(sid), target, addr], user)
+        proc.addr = addr
+        pid, proc.bus_name = proc.said("answered")
+        proc.registered = int(pid)
+        return proc
+
+    def stop(self):
+        for proc in self.started:
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(proc.pid, signal.SIGKILL)
+            proc.popen.wait()
 
 
 @pytest.fixture(scope="session")
@@ -201,3 +400,39 @@ def make_user():
     yield make
     for name in made:
         run(["userdel", "--remove", name], check=False)
+
+
+@pytest.fixture
+def new_user(make_user):
+    """(name, uid) of a fresh account with the test password."""
+    return lambda name: (name, pwd.getpwnam(make_user(name, PASSWORD)).pw_uid)
+
+
+@pytest.fixture
+def daemon(service, bus, files):
+    """daemon(**keys) starts the service with Xvfb sessions and the given configuration keys."""
+    started = []
+
+    def start(**keys):
+        files.write(CONFIG, {**json.loads(pathlib.Path(CONFIG).read_text()), **XVFB, "debug:level": "debug", **keys})
+        service.start()
+        started.append(Sessions(service, bus))
+        return started[-1]
+
+    yield start
+    for keeper in started:
+        for match in keeper.matches:
+            match.remove()
+
+
+@pytest.fixture
+def sessions(daemon):
+    return daemon()
+
+
+@pytest.fixture
+def procs(service, tmp_path):
+    """Processes of one test; killed before the daemon stops."""
+    keeper = Procs(tmp_path)
+    yield keeper
+    keeper.stop()

@@ -1,16 +1,12 @@
-"""Session starts at the same time: the bus keeps answering while starts wait, starts of different users run side
-by side, two racing requests of one user make one session, a refused password costs only its own caller, repeated
-failures are throttled per user and per caller, and a stop during starts answers every caller and leaves nothing
-behind. Replies are compared by their order, never by milliseconds."""
+"""Session starts at the same time: queries while starts wait, users side by side, racing requests, a wrong
+password, the throttle, a stop during starts. Replies are compared by their order, never by milliseconds."""
 
-import json
 import pathlib
 import re
 
 import dbus
 
-from conftest import BUS_NAME, INTERFACE, OBJECT_PATH, cursor, wait_for, wait_line
-from test_session import PASSWORD, PROGRAM, daemon, ended, new_user, processes, x_servers  # noqa: F401
+from conftest import PASSWORD, PROGRAM, Calls, cursor, ended, processes, pump, wait_for, wait_line, x_servers
 
 WRONG = "Wrong-e2e-9x"
 # A PAM service whose authentication takes two seconds before it even asks for the password: a start held up.
@@ -18,83 +14,34 @@ SLOW_PAM = "vexa-e2e-slow"
 SLOW_STACK = "auth optional pam_exec.so quiet /usr/bin/sleep 2\n@include vexa\n"
 
 
-class Calls:
-    """Asynchronous calls of the daemon on one connection; replies (or D-Bus errors) by name, in arrival order."""
-
-    def __init__(self, bus):
-        self.bus, self.replies, self.order = bus, {}, []
-
-    def call(self, name, method, signature, *args):
-        def done(*values):
-            self.replies[name] = values[0] if values else None
-            self.order.append(name)
-
-        def failed(err):
-            self.replies[name] = err
-            self.order.append(name)
-
-        self.bus.call_async(BUS_NAME, OBJECT_PATH, INTERFACE, method, signature, args, done, failed, timeout=90)
-
-    def request(self, name, **params):
-        self.call(name, "vexaSessionRequest", "s", json.dumps(params))
-
-    def wait(self, *names, timeout=60):
-        wait_for(lambda: all(n in self.replies for n in names), timeout=timeout, what=f"replies of {names}")
-        return [self.replies[n] for n in names]
-
-
-def test_starts_of_different_users_run_side_by_side(daemon, new_user, bus):
-    keeper = daemon()
-    users = [new_user(f"e2e-conc-{i}") for i in range(4)]
-    calls = Calls(bus)
-    for name, _ in users:
-        calls.request(name, username=name, password=PASSWORD, **PROGRAM)
-    sids = [int(s) for s in calls.wait(*[name for name, _ in users])]
-    assert all(s > 0 for s in sids) and len(set(sids)) == len(sids), sids
-    assert keeper.listed() == {(name, sid) for (name, _), sid in zip(users, sids)}
-    displays = [keeper.info(sid)["display"] for sid in sids]
-    assert len(set(displays)) == len(displays) and all(len(x_servers(d)) == 1 for d in displays)
-    for sid in sids:
-        assert keeper.svc.value("vexaSessionShutdown", "u", sid)
-    for (_, uid), display in zip(users, displays):
-        wait_for(lambda: ended(uid, display), what="the sessions to end")
-
-
-def test_racing_requests_of_one_user_make_one_session(daemon, new_user, bus):
+def test_racing_requests_of_one_user_make_one_session_beside_other_users(daemon, new_user, bus):
     keeper = daemon()
     user, uid = new_user("e2e-conc-race")
-    # Two good requests, and a good one racing a wrong one: whichever registers first, there is one session, the
-    # others are handed that session or refused, and one X server runs.
+    others = [new_user(f"e2e-conc-{i}") for i in range(3)]
+    # Two good requests of one user among those of three others: one session each, on displays of their own.
     calls = Calls(bus)
     calls.request("a", username=user, password=PASSWORD, **PROGRAM)
     calls.request("b", username=user, password=PASSWORD, **PROGRAM)
-    first, second = calls.wait("a", "b")
-    assert first == second > 0
-    display = keeper.info(first)["display"]
-    assert keeper.svc.value("vexaSessionShutdown", "u", first)
-    wait_for(lambda: ended(uid, display) and not keeper.listed(), what="the session to end")
+    for name, _ in others:
+        calls.request(name, username=name, password=PASSWORD, **PROGRAM)
+    first, second, *sids = calls.wait("a", "b", *[name for name, _ in others])
+    assert first == second > 0 and all(s > 0 for s in sids) and len({first, *sids}) == 4, (first, second, sids)
+    assert keeper.listed() == {(user, first), *((name, sid) for (name, _), sid in zip(others, sids))}
+    displays = [keeper.info(sid)["display"] for sid in (first, *sids)]
+    assert len(set(displays)) == 4 and all(len(x_servers(d)) == 1 for d in displays)
+    for sid in (first, *sids):
+        assert keeper.svc.value("vexaSessionShutdown", "u", sid)
+    for (_, owner), display in zip([(user, uid), *others], displays):
+        wait_for(lambda: ended(owner, display), what="the sessions to end")
+    wait_for(lambda: not keeper.listed(), what="no session listed")
 
+    # A good one racing a wrong one: whichever registers first, there is one session and one X server.
     calls.request("wrong", username=user, password=WRONG, **PROGRAM)
     calls.request("good", username=user, password=PASSWORD, **PROGRAM)
     wrong, good = calls.wait("wrong", "good")
     assert (wrong, keeper.listed()) == (-4, {(user, good)})
     assert len(x_servers(keeper.info(good)["display"])) == 1
     assert len(wait_for(lambda: processes(uid, "sleep"), what="the session program")) == 1
-
-
-def test_the_bus_answers_while_a_start_waits(daemon, new_user, bus, files):
-    files.write(f"/etc/pam.d/{SLOW_PAM}", SLOW_STACK)
-    keeper = daemon(**{"pam:service": SLOW_PAM})
-    user, _ = new_user("e2e-conc-held")
-    calls = Calls(bus)
-    calls.request("start", username=user, password=PASSWORD, **PROGRAM)
-    wait_line(keeper.svc.cursor, f"startSession: depth: 24, width: 1280, height: 1024, username: `{user}', "
-                                 "session: `DefaultSession'")
-    for _ in range(5):  # the session is listed from its registration on
-        assert keeper.svc.value("vexaStatus") and [str(u) for u, _ in keeper.svc.value("vexaSessions")] == [user]
-    assert "start" not in calls.replies  # every query was answered while the start still waited
-    sid, = calls.wait("start")
-    assert sid > 0 and keeper.listed() == {(user, sid)}
 
 
 def test_a_wrong_password_delays_nobody_else(daemon, new_user, bus):
@@ -146,7 +93,8 @@ def test_repeated_failures_are_throttled_per_user_and_caller(daemon, new_user, b
     second.close()
 
 
-def test_stop_during_starts_answers_everyone_and_leaves_nothing(daemon, new_user, bus, files):
+def test_queries_are_answered_while_starts_wait_and_a_stop_answers_everyone_and_leaves_nothing(daemon, new_user,
+                                                                                             bus, files):
     files.write(f"/etc/pam.d/{SLOW_PAM}", SLOW_STACK)
     keeper = daemon(**{"pam:service": SLOW_PAM})
     users = [new_user(f"e2e-conc-stop{i}") for i in range(3)]
@@ -156,6 +104,10 @@ def test_stop_during_starts_answers_everyone_and_leaves_nothing(daemon, new_user
     for name, _ in users:
         wait_line(keeper.svc.cursor, f"startSession: depth: 24, width: 1280, height: 1024, username: `{name}', "
                                      "session: `DefaultSession'")
+    for _ in range(5):  # the sessions are listed from their registration on
+        assert keeper.svc.value("vexaStatus") and {u for u, _ in keeper.listed()} == {name for name, _ in users}
+    pump()
+    assert not calls.replies  # every query was answered while the starts still waited
     keeper.svc.stop()
     assert calls.wait(*[name for name, _ in users], timeout=10) == [-4, -4, -4]
     for _, uid in users:

@@ -1,76 +1,31 @@
 """Transports of real sessions: the connect policies, the proxy handshake, a transport that dies, the freezer,
-the time limits, a disconnect, and which processes a caller may register. A transport here is a process of the
-test that registers itself (or a process it names) over the system bus, as the RDP transports do, and writes
-down every SIGTERM it gets."""
+the time limits, a disconnect, and which processes a caller may register (conftest's TRANSPORT stands in for
+the RDP transports)."""
 
 import itertools
 import os
 import pathlib
 import re
-import select
 import signal
 import subprocess
 import time
 
 import pytest
 
-from conftest import as_user, assert_level, cursor, journal, wait_for, wait_line
-from test_session import PASSWORD, PROGRAM, daemon, ended, new_user, processes, sessions  # noqa: F401
+from conftest import assert_level, cursor, ended, journal, processes, wait_for, wait_line
 
 PYTHON = "/usr/bin/python3"
 PROGRAMS = "/etc/vexa/programs.json"
-
-# Writes "SIGTERM <pid>" when it gets one and ends; tells the one that started it through the descriptor named
-# by its argument once it is ready to do so. Every line is one write: processes may share the file (a transport
-# and its child), and the tests run Python unbuffered, where print() writes piece by piece.
-RECORDER = r"""
-import os, signal, sys
-def stop(*_):
-    os.write(1, f"SIGTERM {os.getpid()}\n".encode())
-    os._exit(0)
-signal.signal(signal.SIGTERM, stop)
-if len(sys.argv) > 1:
-    os.write(int(sys.argv[1]), b"r")
-while True:
-    signal.pause()
-"""
-
-# A transport: registers with the daemon the process given as its second argument ("self", "child" for a
-# recorder it starts, or a pid), then writes "answered <pid> <own bus name>" and records SIGTERM like RECORDER.
-TRANSPORT = f"RECORDER = {RECORDER!r}\n" + r"""
-import os, signal, subprocess, sys
-import dbus
-def stop(*_):
-    os.write(1, f"SIGTERM {os.getpid()}\n".encode())
-    os._exit(0)
-signal.signal(signal.SIGTERM, stop)
-sid, target, addr = int(sys.argv[1]), sys.argv[2], sys.argv[3]
-pid = os.getpid() if target == "self" else None if target == "child" else int(target)
-if pid is None:
-    ready, tell = os.pipe()
-    pid = subprocess.Popen([sys.executable, "-c", RECORDER, str(tell)], pass_fds=(tell,)).pid
-    os.close(tell)
-    os.read(ready, 1)
-bus = dbus.SystemBus()
-bus.call_blocking("ru.kelvo.vexa", "/ru/kelvo/vexa", "ru.kelvo.vexa", "proxySessionConnected", "uus",
-                  (sid, pid, addr))
-os.write(1, f"answered {pid} {bus.get_unique_name()}\n".encode())
-while True:
-    signal.pause()
-"""
 
 # Reads a pid on its standard input, starts its arguments as a process with exactly that pid (clone3 with
 # set_tid: root in the container's pid namespace), writes "took <pid>", then "ended <wait status>" when it ends.
 HEIR = r"""
 import ctypes, os, sys
-class CloneArgs(ctypes.Structure):
-    _fields_ = [(name, ctypes.c_uint64) for name in ("flags", "pidfd", "child_tid", "parent_tid", "exit_signal",
-                                                     "stack", "stack_size", "tls", "set_tid", "set_tid_size",
-                                                     "cgroup")]
 libc = ctypes.CDLL(None, use_errno=True)
 libc.syscall.restype = ctypes.c_long
 wanted = (ctypes.c_int * 1)(int(sys.stdin.readline()))
-args = CloneArgs(exit_signal=17, set_tid=ctypes.addressof(wanted), set_tid_size=1)
+args = (ctypes.c_uint64 * 11)()  # struct clone_args: exit_signal, then set_tid and set_tid_size
+args[4], args[8], args[9] = 17, ctypes.addressof(wanted), 1
 pid = libc.syscall(435, ctypes.byref(args), ctypes.c_size_t(ctypes.sizeof(args)))
 if pid == 0:
     try:
@@ -90,109 +45,14 @@ DEAF = "import signal; signal.signal(signal.SIGTERM, signal.SIG_IGN); signal.pau
 FENCES = itertools.count(900001)  # above any listen time-out a test asks for
 
 
-class Proc:
-    """A process of the test; what it writes goes to a file of its own."""
-
-    def __init__(self, argv, log, **kw):
-        self.log = log
-        with open(log, "wb") as out:
-            self.popen = subprocess.Popen(argv, stdout=out, stderr=subprocess.STDOUT, start_new_session=True, **kw)
-        self.pid = self.popen.pid
-
-    def lines(self):
-        """Its whole lines so far, split into words."""
-        self.popen.poll()  # reaps it once it has ended: a zombie still counts as running
-        text = self.log.read_text()
-        return [line.split() for line in text[:text.rfind("\n") + 1].splitlines()]
-
-    def wait(self, predicate, what, timeout=15):
-        try:
-            return wait_for(predicate, timeout, f"{what} from process {self.pid}")
-        except AssertionError as e:
-            raise AssertionError(f"{e}; it wrote: {self.log.read_text()!r}") from None
-
-    def said(self, word):
-        """The words after `word` on the first line that begins with it, once there is one."""
-        return self.wait(lambda: next((line[1:] for line in self.lines() if line[:1] == [word]), None), repr(word))
-
-    def terminated(self):
-        """The pids (its own, or its child's) for which it wrote down a SIGTERM."""
-        return [int(line[1]) for line in self.lines() if line[:1] == ["SIGTERM"]]
-
-    def wait_terminated(self, pid=None):
-        """Waits for the SIGTERM of itself, or of the child `pid`."""
-        self.wait(lambda: (pid or self.pid) in self.terminated(), f"SIGTERM to {pid or self.pid}")
-
-    def kill(self):
-        """Kills it from outside and reaps it, so that its pid is free at once."""
-        os.kill(self.pid, signal.SIGKILL)
-        self.popen.wait()
-
-
-class Procs:
-    def __init__(self, directory):
-        self.directory, self.started = directory, []
-
-    def start(self, argv, **kw):
-        proc = Proc(argv, self.directory / f"{len(self.started)}.log", **kw)
-        self.started.append(proc)
-        return proc
-
-    def recorder(self, user=None):
-        ready, tell = os.pipe()
-        argv = [PYTHON, "-c", RECORDER, str(tell)]
-        proc = self.start(as_user(user, *argv) if user else argv, pass_fds=(tell,))
-        os.close(tell)
-        assert select.select([ready], [], [], 15)[0], f"recorder {proc.pid}: {proc.log.read_text()!r}"
-        assert os.read(ready, 1) == b"r"
-        os.close(ready)
-        return proc
-
-    def transport(self, sid, addr, target="self", user=None):
-        """A transport that has made its call; `registered` is the pid it named."""
-        argv = [PYTHON, "-c", TRANSPORT, str(sid), target, addr]
-        proc = self.start(as_user(user, *argv) if user else argv)
-        proc.addr = addr
-        pid, proc.bus_name = proc.said("answered")
-        proc.registered = int(pid)
-        return proc
-
-    def heir(self, argv):
-        """A helper that will start `argv` under a pid given later to take_pid()."""
-        return self.start([PYTHON, "-c", HEIR, *argv], stdin=subprocess.PIPE)
-
-    def stop(self):
-        for proc in self.started:
-            try:
-                os.killpg(proc.pid, signal.SIGKILL)  # with what it started (the heir, a transport's child)
-            except ProcessLookupError:
-                pass
-            proc.popen.wait()
-
-
-@pytest.fixture
-def procs(service, tmp_path):
-    """Processes of one test; killed before the daemon stops."""
-    keeper = Procs(tmp_path)
-    yield keeper
-    keeper.stop()
-
-
 @pytest.fixture
 def cgroups(service):
     """Reports of sessions that may be left frozen: thawed before the daemon stops, so that they can end."""
     infos = []
     yield infos
     for info in infos:
-        freeze = cgroup(info, "cgroup.freeze")
-        if freeze.exists():
+        if (freeze := cgroup(info, "cgroup.freeze")).exists():
             freeze.write_text("0\n")
-
-
-def take_pid(heir, pid):
-    heir.popen.stdin.write(f"{pid}\n".encode())
-    heir.popen.stdin.close()
-    assert heir.said("took") == [str(pid)]
 
 
 def cgroup(info, name):
@@ -228,14 +88,6 @@ def logged_at(after, message):
     return int(wait_line(after, message)[0]["__REALTIME_TIMESTAMP"]) / 1e6
 
 
-def start(keeper, make, name, **params):
-    """A session of a new user: (user, uid, session id, report)."""
-    user, uid = make(name)
-    sid = keeper.request(username=user, password=PASSWORD, **(params or PROGRAM))
-    assert sid > 0
-    return user, uid, sid, keeper.info(sid)
-
-
 POLICIES = {
     # connect:policy: (its number, the answers to five transports asking in a row, the slots given those let in)
     "NextDeny": (1, [True, False, False, False, False], lambda admitted: admitted[:1]),
@@ -256,7 +108,7 @@ def test_the_connect_policy_decides_which_transports_attach(daemon, new_user, pr
     number, answers, kept = POLICIES[policy]
     sessions = daemon(**{"connect:policy": policy})
     svc = sessions.svc
-    _, uid, sid, info = start(sessions, new_user, f"e2e-conn-{policy.lower()}")
+    _, uid, sid, info = sessions.new_session(new_user, f"e2e-conn-{policy.lower()}")
     assert svc.value("vexaPolicyConnectDefault") == number and info["policy:connect"] == number
     sessions.signal("signalProxyAllowConnection", sid, uid)  # of the request itself
     fence(sessions)
@@ -301,7 +153,7 @@ def test_the_connect_policy_decides_which_transports_attach(daemon, new_user, pr
 
 def test_a_dead_transport_is_announced_and_a_session_left_without_one_is_frozen(sessions, new_user, procs, cgroups):
     svc = sessions.svc
-    _, uid, sid, info = start(sessions, new_user, "e2e-conn-dead")
+    _, uid, sid, info = sessions.new_session(new_user, "e2e-conn-dead")
     cgroups.append(info)
     svc.call("vexaSessionPolicyConnect", "iu", sid, 3)
     assert (info["disconnected:freeze"], info["session:frozen"], info["disconnected:timepoint"]) == (False, False, 0)
@@ -359,7 +211,7 @@ def test_time_limits_end_only_the_sessions_of_checked_users(daemon, new_user, pr
     }
     live, after = {}, cursor()
     for name, (limit, checked, freeze, _) in cases.items():
-        user, uid, sid, info = start(sessions, new_user, f"e2e-conn-{name}")
+        user, uid, sid, info = sessions.new_session(new_user, f"e2e-conn-{name}")
         cgroups.append(info)
         svc.call(f"vexaSession{limit.capitalize()}Limit", "iu", sid, 2)
         svc.call("vexaSessionDisconnectedFreeze", "ib", sid, freeze)
@@ -410,7 +262,7 @@ def test_a_seamless_session_is_stopped_once_after_its_limit(daemon, new_user, fi
     files.write(PROGRAMS, [{"name": "E2E Deaf", "path": PYTHON, "args": ["-c", DEAF]}])
     sessions = daemon()
     svc = sessions.svc
-    user, uid, sid, info = start(sessions, new_user, "e2e-conn-seamless", program="E2E Deaf")
+    user, uid, sid, info = sessions.new_session(new_user, "e2e-conn-seamless", program="E2E Deaf")
     svc.call("vexaSessionSeamlessLimit", "iu", sid, 2)
     svc.call("vexaUserSessionsCheckTimeouts", "sb", user, True)
     info = sessions.info(sid)
@@ -442,38 +294,10 @@ def test_a_seamless_session_is_stopped_once_after_its_limit(daemon, new_user, fi
     wait_for(lambda: ended(uid, info["display"]), what="the session's processes to end")
 
 
-def test_disconnect_ends_the_transports_and_the_session_lives_on(sessions, new_user, procs):
+def test_a_member_registers_only_itself_or_its_descendants_and_a_disconnect_ends_those(sessions, new_user,
+                                                                                      make_user, procs):
     svc = sessions.svc
-    user, uid, sid, info = start(sessions, new_user, "e2e-conn-disc")
-    svc.call("vexaSessionPolicyConnect", "iu", sid, 3)
-    first, second = procs.transport(sid, "198.51.100.1"), procs.transport(sid, "198.51.100.2")
-    assert svc.value("vexaDisconnect", "u", sid)
-    for transport in (first, second):
-        transport.wait_terminated()
-        transport.popen.wait(timeout=10)
-    info = sessions.info(sid)
-    assert (connects(info), info["remote:connected"]) == ([], False)
-    assert (user, sid) in sessions.listed() and processes(uid, "sleep")
-    assert not svc.value("vexaDisconnect", "u", sid)  # nothing left to end
-    # a transport on its way out says so
-    svc.call("vexaTransportDisplayShutdown", "u", info["display"])
-    assert sessions.info(sid)["disconnected:timepoint"] >= int(time.time()) - 1
-
-    # The slots were emptied at once: the watcher announces only a transport that died on its own, which it
-    # would find after any slot still holding one of the two.
-    third = procs.transport(sid, "198.51.100.3")
-    third.kill()
-    sessions.signal("signalSessionDisconnected", sid, third.pid, third.addr)
-    assert emitted(sessions, "signalSessionDisconnected") == [[sid, third.pid, third.addr]]
-    assert (user, sid) in sessions.listed() and processes(uid, "sleep")
-
-    assert not svc.value("vexaDisconnect", "u", 0xabcd)
-    wait_line(svc.cursor, "vexaDisconnect: session not found: 0x0000abcd")
-
-
-def test_a_member_registers_only_itself_or_its_descendants(sessions, new_user, make_user, procs):
-    svc = sessions.svc
-    _, uid, sid, info = start(sessions, new_user, "e2e-conn-owner")
+    user, uid, sid, info = sessions.new_session(new_user, "e2e-conn-owner")
     member, other = make_user("e2e-conn-member", groups=["vexa"]), make_user("e2e-conn-other")
     svc.call("vexaSessionPolicyConnect", "iu", sid, 3)
     stranger = procs.recorder(other)
@@ -497,32 +321,51 @@ def test_a_member_registers_only_itself_or_its_descendants(sessions, new_user, m
     assert emitted(sessions, "signalSessionConnected") == [[sid, t.registered, t.addr] for t in taken]
     assert connects(sessions.info(sid)) == slots(*taken)
 
-    # A disconnect ends what was registered, the end of the session too; what was refused is never signalled.
+    # A disconnect ends what was registered (the child, not the transport that named it) and the session lives on.
     assert svc.value("vexaDisconnect", "u", sid)
     for transport in taken:
         transport.wait_terminated(transport.registered)
+    assert parent.terminated() == [parent.registered]
+    info = sessions.info(sid)
+    assert (connects(info), info["remote:connected"]) == ([], False)
+    assert (user, sid) in sessions.listed() and processes(uid, "sleep")
+    assert not svc.value("vexaDisconnect", "u", sid)  # nothing left to end
+    # a transport on its way out says so
+    svc.call("vexaTransportDisplayShutdown", "u", info["display"])
+    assert sessions.info(sid)["disconnected:timepoint"] >= int(time.time()) - 1
+    # The slots were emptied at once: the watcher announces only a transport that died on its own, which it
+    # would find after any slot still holding one of those.
+    last = procs.transport(sid, "198.51.100.6")
+    last.kill()
+    sessions.signal("signalSessionDisconnected", sid, last.pid, last.addr)
+    assert emitted(sessions, "signalSessionDisconnected") == [[sid, last.pid, last.addr]]
+    assert not svc.value("vexaDisconnect", "u", 0xabcd)
+    wait_line(svc.cursor, "vexaDisconnect: session not found: 0x0000abcd")
+
+    # What was refused is never signalled, not even at the end of the session.
     assert svc.value("vexaSessionShutdown", "u", sid)
     sessions.signal("signalSessionShutdown", sid)
     wait_for(lambda: ended(uid, info["display"]), what="the session's processes to end")
-    assert parent.terminated() == [parent.registered]  # the child, not the transport that named it
     for bystander in (stranger, *refused):
         assert bystander.terminated() == [] and bystander.popen.poll() is None
 
 
 def test_a_pid_taken_over_after_its_transport_died_is_never_signalled(sessions, new_user, procs):
     svc = sessions.svc
-    _, uid, sid, info = start(sessions, new_user, "e2e-conn-reuse")
+    _, uid, sid, info = sessions.new_session(new_user, "e2e-conn-reuse")
     svc.call("vexaSessionPolicyConnect", "iu", sid, 3)
     first, second = procs.transport(sid, "198.51.100.1"), procs.transport(sid, "198.51.100.2")
     svc.call("vexaSessionPolicyConnect", "iu", sid, 1)  # from now on one running transport turns the next away
     assert not svc.value("vexaConnectRdpTransport", "uu", sid, 0)
-    heir = procs.heir(["/usr/bin/sleep", "600"])
+    heir = procs.start([PYTHON, "-c", HEIR, "/usr/bin/sleep", "600"], stdin=subprocess.PIPE)
 
     first.kill()
     sessions.signal("signalSessionDisconnected", sid, first.pid, first.addr)
     # The watcher has just been; before it comes again (750 ms) the second one dies and its pid is taken over.
     second.kill()
-    take_pid(heir, second.pid)
+    heir.popen.stdin.write(f"{second.pid}\n".encode())
+    heir.popen.stdin.close()
+    assert heir.said("took") == [str(second.pid)]
     info = sessions.info(sid)
     assert connects(info) == slots(second), "the watcher came before the pid was taken over: nothing was tried"
     assert not info["remote:connected"]

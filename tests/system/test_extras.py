@@ -6,8 +6,7 @@ import os
 import pathlib
 import subprocess
 
-from conftest import CONFIG, as_user, cursor, run, wait_for, wait_line
-from test_session import PASSWORD, PROGRAM, daemon, new_user, processes, sessions  # noqa: F401
+from conftest import CONFIG, as_user, cursor, processes, run, wait_for, wait_line
 
 # A notification service on the session bus that writes every Notify call as one JSON line and answers id 7.
 SERVER = """
@@ -28,13 +27,6 @@ GLib.MainLoop().run()
 """
 
 
-def start(sessions, new_user, name):
-    user, uid = new_user(name)
-    sid = sessions.request(username=user, password=PASSWORD, **PROGRAM)
-    assert sid > 0
-    return user, uid, sid, sessions.info(sid)
-
-
 def windows(info):
     env = {**os.environ, "XAUTHORITY": info["xauthfile"]}
     return run(["xwininfo", "-root", "-tree", "-display", f":{info['display']}"], env=env).stdout
@@ -42,7 +34,7 @@ def windows(info):
 
 def test_a_message_reaches_the_users_notification_service_or_a_window_of_its_own(sessions, new_user):
     svc = sessions.svc
-    user, _, sid, info = start(sessions, new_user, "e2e-notify")
+    user, _, sid, info = sessions.new_session(new_user, "e2e-notify")
     assert not svc.value("vexaSendNotify", "ussy", sid + 1000, "x", "y", 0)
 
     # No notification service on the session bus: the helper's own window shows the message.
@@ -66,7 +58,7 @@ def test_a_message_reaches_the_users_notification_service_or_a_window_of_its_own
 def test_remote_assistance_starts_once_and_stops(daemon, new_user):
     sessions = daemon(**{"assistance:path": "/usr/bin/sleep", "assistance:args": ["7777"]})
     svc = sessions.svc
-    _, uid, sid, _ = start(sessions, new_user, "e2e-assist")
+    _, uid, sid, _ = sessions.new_session(new_user, "e2e-assist")
     helpers = lambda: [pid for pid, argv in processes(uid, "sleep").items() if argv[1:] == ["7777"]]  # noqa: E731
 
     answers = [bool(svc.value("vexaSessionRemoteAssistance", "ub", sid, True))]

@@ -6,8 +6,7 @@ import subprocess
 
 import pytest
 
-from conftest import LIMITS, assert_level, cursor, run, wait_for, wait_line
-from test_session import PASSWORD, PROGRAM, daemon, new_user, sessions  # noqa: F401
+from conftest import LIMITS, PASSWORD, PROGRAM, assert_level, cursor, run, wait_for, wait_line
 
 PROPERTIES = ("CPUQuotaPerSecUSec", "CPUWeight", "MemoryHigh", "MemoryMax", "TasksMax", "IPAddressDeny",
               "IPAddressAllow")
@@ -31,11 +30,9 @@ def limits(info, level):
 
 
 def start(sessions, new_user, name):
-    user, uid = new_user(name)
-    sid = sessions.request(username=user, password=PASSWORD, **PROGRAM)
-    assert sid > 0
+    user, uid, sid, info = sessions.new_session(new_user, name)
     sessions.signal("signalSessionCreated", sid)  # the limits file has been applied by then
-    return user, uid, sid, sessions.info(sid)
+    return user, uid, sid, info
 
 
 @pytest.fixture

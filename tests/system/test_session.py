@@ -5,105 +5,14 @@ import grp
 import json
 import os
 import pathlib
-import pwd
 import signal
 import stat
 
-import pytest
+# XVFB, PASSWORD, Sessions, daemon, processes and x_servers are imported from here too
+from conftest import (PASSWORD, PROGRAM, XVFB, Sessions, as_user, daemon, ended, journal, processes,  # noqa: F401
+                      run, wait_for, wait_line, x_servers)
 
-from conftest import CONFIG, INTERFACE, journal, run, wait_for, wait_line
-
-XVFB = {"xvfb:path": "/usr/bin/Xvfb",
-        "xvfb:args": [":%{display}", "-nolisten", "tcp", "-auth", "%{authfile}",
-                      "-screen", "0", "%{width}x%{height}x%{depth}", "-I"]}
-PASSWORD = "Vexa-e2e-S3ss-4kq9"
 BOTH = ("vexa_service", "vexa_session_manager")
-PROGRAM = {"session:path": "/usr/bin/sleep", "session:args": ["4242"]}
-
-
-def processes(uid=None, name=None):
-    """{pid: argv} of the live processes, optionally of one owner and one program name. The user's
-    systemd manager (user@UID.service) is not a process of any session: logind stops it on its own,
-    some seconds after the user's last session."""
-    found = {}
-    for entry in pathlib.Path("/proc").iterdir():
-        if not entry.name.isdigit():
-            continue
-        try:
-            argv = (entry / "cmdline").read_bytes().split(b"\0")[:-1]
-            state = (entry / "stat").read_text().rsplit(") ", 1)[1][0]
-            owner = entry.stat().st_uid
-            cgroup = (entry / "cgroup").read_text()
-        except (FileNotFoundError, ProcessLookupError, IndexError):
-            continue
-        if state == "Z" or not argv or "/user@" in cgroup:
-            continue
-        if uid in (None, owner) and name in (None, os.path.basename(argv[0].decode())):
-            found[int(entry.name)] = [a.decode() for a in argv]
-    return found
-
-
-def x_servers(display):
-    return {pid: argv for pid, argv in processes(0).items()
-            if os.path.basename(argv[0]) in ("Xvfb", "Xorg") and f":{display}" in argv}
-
-
-class Sessions:
-    """The running daemon, its signals and the sessions a test asked for."""
-
-    def __init__(self, svc, bus):
-        self.svc, self.signals = svc, []
-        self.matches = [bus.add_signal_receiver(
-            lambda *args, member=None: self.signals.append((str(member), [int(a) if isinstance(a, int) else str(a)
-                                                                           for a in args])),
-            None, INTERFACE, member_keyword="member")]
-
-    def request(self, **params):
-        return int(self.svc.value("vexaSessionRequest", "s", json.dumps(params)))
-
-    def signal(self, name, *args):
-        return wait_for(lambda: [s for s in self.signals if s[0] == name and s[1][:len(args)] == list(args)],
-                        timeout=15, what=f"{name}{args}")
-
-    def info(self, sid):
-        return json.loads(str(self.svc.value("vexaSessionInfoJson", "u", sid)))
-
-    def listed(self):
-        return {(str(user), int(sid)) for user, sid in self.svc.value("vexaSessions")}
-
-
-@pytest.fixture
-def daemon(service, bus, files):
-    """daemon(**keys) starts the service with Xvfb sessions and the given configuration keys."""
-    started = []
-
-    def start(**keys):
-        files.write(CONFIG, {**json.loads(pathlib.Path(CONFIG).read_text()), **XVFB, "debug:level": "debug", **keys})
-        service.start()
-        started.append(Sessions(service, bus))
-        return started[-1]
-
-    yield start
-    for keeper in started:
-        for match in keeper.matches:
-            match.remove()
-
-
-@pytest.fixture
-def sessions(daemon):
-    return daemon()
-
-
-@pytest.fixture
-def new_user(make_user):
-    """(name, uid) of a fresh account with the test password."""
-    def make(name):
-        return name, pwd.getpwnam(make_user(name, PASSWORD)).pw_uid
-    return make
-
-
-def ended(uid, display):
-    return not processes(uid) and not x_servers(display)
 
 
 def test_a_request_makes_a_whole_session(sessions, new_user):
@@ -136,8 +45,8 @@ def test_a_request_makes_a_whole_session(sessions, new_user):
     address = info["dbus:address"]
     bus_file = pathlib.Path(f"/run/user/{uid}/vexa/dbus_session_{sid}")
     assert bus_file.read_text().strip() == address
-    run(["setpriv", f"--reuid={uid}", f"--regid={uid}", "--init-groups", "dbus-send", f"--bus={address}",
-         "--dest=org.freedesktop.DBus", "--print-reply", "/org/freedesktop/DBus", "org.freedesktop.DBus.ListNames"])
+    run(as_user(user, "dbus-send", f"--bus={address}", "--dest=org.freedesktop.DBus", "--print-reply",
+                "/org/freedesktop/DBus", "org.freedesktop.DBus.ListNames"))
 
     lines = [e["MESSAGE"] for e in sessions.svc.barrier(sessions.svc.cursor)]
     assert f"startSession: session id: {info['systemd:sid']}, display: {display}" in lines
@@ -202,12 +111,8 @@ def test_reuse_and_two_users(sessions, new_user):
 
 
 def test_session_ends_when_its_program_is_killed_or_the_service_stops(sessions, new_user):
-    user, uid = new_user("e2e-sess-kill")
-    other, other_uid = new_user("e2e-sess-stop")
-    sid = sessions.request(username=user, password=PASSWORD, **PROGRAM)
-    info = sessions.info(sid)
-    other_sid = sessions.request(username=other, password=PASSWORD, **PROGRAM)
-    live = sessions.info(other_sid)
+    _, uid, sid, info = sessions.new_session(new_user, "e2e-sess-kill")
+    other, other_uid, other_sid, live = sessions.new_session(new_user, "e2e-sess-stop")
     (pid, _), = wait_for(lambda: processes(uid, "sleep"), what="the session program").items()
     os.kill(pid, signal.SIGKILL)
     sessions.signal("signalSessionShutdown", sid)

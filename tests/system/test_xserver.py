@@ -8,11 +8,7 @@ import re
 
 import pytest
 
-from conftest import CONFIG, as_user, journal, run, wait_for
-
-PASSWORD = "Vexa-e2e-X-7kq2"
-XVFB = {"xvfb:path": "/usr/bin/Xvfb", "xvfb:args": [":%{display}", "-nolisten", "tcp", "-auth", "%{authfile}",
-                                                    "-screen", "0", "%{width}x%{height}x%{depth}", "-I"]}
+from conftest import CONFIG, PASSWORD, XVFB, as_user, journal, run, wait_for
 
 
 def start_session(service, files, user, xserver):

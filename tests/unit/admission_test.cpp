@@ -50,16 +50,12 @@ TEST(Admission, StepsRefuseOrAdmitInTheirOrder) {
         uint32_t reuse = 0;
     };
     using S = StartStatus;
+    using M = RunMode;
     using Groups = std::vector<std::string>;
+    const Groups rdp{"rdp"};
     const std::string self = "startSession: ";
     const Case cases[] = {
-        {"alice",
-         "DefaultSession",
-         {},
-         S::Success,
-         "session found, session id: 7, display: 101",
-         RunMode::UserSession,
-         7},
+        {"alice", "DefaultSession", {}, S::Success, "session found, session id: 7, display: 101", M::UserSession, 7},
         {"nobody-here", "DefaultSession", {}, S::UserNotFound, "user not found: `nobody-here'"},
         {"carol", "Other", {}, S::Success, "user shell not present in /etc/shells, user: carol, shell: `/bin/false'"},
         {"bob", "DefaultSession", {.sessionsLimit = -1}, S::FullHouse, "sessions full house, limit: 1"},
@@ -68,19 +64,10 @@ TEST(Admission, StepsRefuseOrAdmitInTheirOrder) {
         {"bob", "DefaultSession", {.usersLimit = 1, .apiUsersLimit = 2}, S::Success, ""},
         {"alice", "Other", {.groupsAllow = Groups{}}, S::NotAllowed, "logins disabled, user: alice"},
         {"alice", "Other", {.groupsAllow = Groups{"missing-group", "staff", "rdp"}}, S::Success, ""},
-        {"bob",
-         "DefaultSession",
-         {.groupsAllow = Groups{"rdp"}},
-         S::NotAllowed,
-         "user is not allowed, user: bob, shell: `/bin/bash'"},
+        {"bob", "Other", {.groupsAllow = rdp}, S::NotAllowed, "user is not allowed, user: bob, shell: `/bin/bash'"},
         // The login helper reuses nothing and is not limited, but its user must be in an allowed group.
-        {"alice", "DefaultSession", {.sessionsLimit = 0}, S::Success, "", RunMode::LoginHelper},
-        {"bob",
-         "LoginSession",
-         {.groupsAllow = Groups{"rdp"}},
-         S::NotAllowed,
-         "user is not allowed",
-         RunMode::LoginHelper},
+        {"alice", "DefaultSession", {.sessionsLimit = 0}, S::Success, "", M::LoginHelper},
+        {"bob", "LoginSession", {.groupsAllow = rdp}, S::NotAllowed, "user is not allowed", M::LoginHelper},
     };
     for (const auto& c : cases) {
         AdmissionResult result;

@@ -79,7 +79,7 @@ TEST(Events, ProcessFdSpeaksWhenTheProcessEndsAndNotBefore) {
     EXPECT_FALSE(Utils::processFd(child)); // reaped: nothing left to watch
 }
 
-TEST(Events, ChildrenAreReapedByOneThreadWithTheirOwnStatus) {
+TEST(Events, ChildrenAreReapedByOneThreadWithTheirOwnRawWaitStatus) {
     // The first child starts the reaper; the others must not add a thread each.
     Utils::waitChildBack(Utils::runChildProcess("/bin/true", {}, {}, nullptr, nullptr)).get();
     const int before = threadCount();
@@ -93,4 +93,7 @@ TEST(Events, ChildrenAreReapedByOneThreadWithTheirOwnStatus) {
         const int status = statuses[static_cast<size_t>(code)].get();
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == code) << code << ": " << status;
     }
+    // the raw wait status, and a child's SIGTERM is back to its default action
+    const int killed = Utils::runChildProcessBack("/bin/sh", {"-c", "kill $$; sleep 5"}, {}, nullptr, nullptr).get();
+    EXPECT_TRUE(WIFSIGNALED(killed) && WTERMSIG(killed) == SIGTERM) << killed;
 }

@@ -1,19 +1,18 @@
-#include <algorithm>
 #include <csignal>
+#include <list>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "test_support.h"
 
-#include "common/periodic_jobs.h"
+#include "common/events.h"
 #include "session/lifetime.h"
 
 using namespace Vexa;
@@ -23,47 +22,25 @@ using TestSupport::logged;
 
 namespace {
 
-// Transport processes of one test: children that wait to be signalled, and ones that have ended already.
+// Transport processes of one test, registered in a session.
 class Transports {
 public:
-    ~Transports() {
-        for (const pid_t pid : children) {
-            ::kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-        }
-    }
-    // Registers a running transport in `session`.
+    // Registers a running transport.
     pid_t running(Session& session) {
-        const pid_t pid = fork();
-        if (pid == 0) {
-            pause();
-            _exit(0);
-        }
-        children.push_back(pid);
+        const pid_t pid = children.emplace_back().pid;
         session.addConnectInfo(pid, "10.0.0." + std::to_string(pid % 250), Utils::processFd(pid));
         return pid;
     }
-    // Registers a transport that ends (and is reaped) before anyone looks at it.
-    void ended(Session& session) {
-        const pid_t pid = fork();
-        if (pid == 0) {
-            _exit(0);
-        }
-        auto pidfd = Utils::processFd(pid);
-        waitpid(pid, nullptr, 0);
-        session.addConnectInfo(pid, "10.0.0.250", std::move(pidfd));
-    }
-    // How the process ended: the terminating signal, 0 while it still runs.
-    static int signalOf(pid_t pid) {
-        int status = 0;
-        if (waitpid(pid, &status, WNOHANG) != pid) {
-            return 0;
-        }
-        return WIFSIGNALED(status) ? WTERMSIG(status) : -1;
+    // Registers a transport that ended (and was reaped) before anyone looks at it.
+    static void ended(Session& session) {
+        TestSupport::Child gone;
+        auto pidfd = Utils::processFd(gone.pid);
+        ::kill(gone.pid, SIGKILL);
+        gone.reap();
+        session.addConnectInfo(gone.pid, "10.0.0.250", std::move(pidfd));
     }
 
-private:
-    std::vector<pid_t> children;
+    std::list<TestSupport::Child> children;
 };
 
 Session::SystemTime at(std::chrono::milliseconds since) {
@@ -72,97 +49,63 @@ Session::SystemTime at(std::chrono::milliseconds since) {
 
 } // namespace
 
-TEST(ConnectPolicy, DecisionCountsOnlyRunningTransportsAndRefusesUnknownPolicies) {
+TEST(ConnectPolicy, TheCheckAndTheRegistrationCountOnlyRunningTransportsAndRefuseUnknownPolicies) {
+    using enum TransportAdmission;
     struct Case {
         uint32_t policy;
         int running;
         int ended;
-        bool allowed;
-        std::string line;
+        bool allowed;        // by the check before the handshake
+        std::string checked; // a text the check logs
+        TransportAdmission admission;
+        std::string registered; // a text the registration logs; empty: nothing
     };
+    const std::string allow = "sessionCheckPolicyConnection: session id: 1, allow connection, connect policy - `";
+    const std::string abnormal = "proxySessionConnected: session id: 1, abnormal situation, connect policy - `";
+    const std::string unknown = "session id: 1, failed: unknown policy";
     const Case cases[] = {
-        {1, 0, 0, true, "session id: 1, allow connection, connect policy - `ConnectPolicy::NextDeny'"},
-        {1, 0, 2, true, "allow connection, connect policy - `ConnectPolicy::NextDeny'"}, // ended ones are free
-        {1, 1, 1, false,
-         "session id: 1, transport also running, connect policy - `ConnectPolicy::NextDeny', "
-         "transport pid: "},
-        {2, 3, 0, true, "allow connection, connect policy - `ConnectPolicy::PrevReplace'"},
-        {3, 3, 1, true, "allow connection, connect policy - `ConnectPolicy::MultiAllow'"},
-        {3, 4, 0, false,
-         "session id: 1, full house connections, connect policy - `ConnectPolicy::MultiAllow', "
-         "max limit: 4"},
-        {0, 0, 0, false, "sessionCheckPolicyConnection: session id: 1, failed: unknown policy"},
-        {7, 0, 0, false, "failed: unknown policy"},
+        {1, 0, 2, true, allow + "ConnectPolicy::NextDeny'", Register, ""}, // ended ones are free
+        {1, 1, 1, false, "transport also running, connect policy - `ConnectPolicy::NextDeny', transport pid: ", Refused,
+         abnormal + "ConnectPolicy::NextDeny'"},
+        {2, 0, 0, true, allow + "ConnectPolicy::PrevReplace'", Register, ""},
+        {2, 1, 0, true, allow + "ConnectPolicy::PrevReplace'", ReplaceFirst, "reset: kill pid: "},
+        {2, 3, 0, true, allow + "ConnectPolicy::PrevReplace'", ReplaceFirst, abnormal + "ConnectPolicy::PrevReplace'"},
+        {3, 3, 1, true, allow + "ConnectPolicy::MultiAllow'", Register, ""},
+        {3, 4, 0, false, "full house connections, connect policy - `ConnectPolicy::MultiAllow', max limit: 4", Refused,
+         abnormal + "ConnectPolicy::MultiAllow'"},
+        {0, 0, 0, false, "sessionCheckPolicyConnection: " + unknown, Refused, "proxySessionConnected: " + unknown},
+        {7, 1, 0, false, "sessionCheckPolicyConnection: " + unknown, Refused, "proxySessionConnected: " + unknown},
     };
     for (const auto& c : cases) {
         Transports transports;
         Session session(1, TestSupport::namedUser("u"), ServiceDefaults{});
         session.policyConnect = static_cast<ConnectPolicy>(c.policy);
-        std::vector<pid_t> pids;
         for (int i = 0; i < c.ended; ++i) {
-            transports.ended(session);
+            Transports::ended(session);
         }
         for (int i = 0; i < c.running; ++i) {
-            pids.push_back(transports.running(session));
+            transports.running(session);
         }
         bool allowed = !c.allowed;
-        const auto text = logged([&] { allowed = sessionCheckPolicyConnection(session); });
+        const auto checkLog = logged([&] { allowed = sessionCheckPolicyConnection(session); });
         EXPECT_EQ(allowed, c.allowed) << c.policy << " " << c.running;
-        EXPECT_TRUE(contains(text, c.line)) << text;
+        EXPECT_TRUE(contains(checkLog, c.checked)) << checkLog;
         if (c.policy == 1 && !c.allowed) {
-            EXPECT_TRUE(contains(text, "transport pid: " + std::to_string(pids.front()))) << text;
-        }
-        session.resetAllConnects();
-    }
-}
-
-TEST(ConnectPolicy, RegistrationReplacesUnderPrevReplaceAndRefusesUnderAFullHouse) {
-    struct Case {
-        ConnectPolicy policy;
-        int running;
-        TransportAdmission admission;
-        std::string line; // empty: nothing logged
-        bool terminated;  // the running transports received SIGTERM
-    };
-    const Case cases[] = {
-        {ConnectPolicy::NextDeny, 0, TransportAdmission::Register, "", false},
-        {ConnectPolicy::NextDeny, 1, TransportAdmission::Refused,
-         "proxySessionConnected: session id: 1, abnormal situation, connect policy - `ConnectPolicy::NextDeny'", false},
-        {ConnectPolicy::PrevReplace, 0, TransportAdmission::Register, "", false},
-        {ConnectPolicy::PrevReplace, 1, TransportAdmission::ReplaceFirst, "reset: kill pid: ", true},
-        {ConnectPolicy::PrevReplace, 2, TransportAdmission::ReplaceFirst,
-         "abnormal situation, connect policy - `ConnectPolicy::PrevReplace'", true},
-        {ConnectPolicy::MultiAllow, 3, TransportAdmission::Register, "", false},
-        {ConnectPolicy::MultiAllow, 4, TransportAdmission::Refused,
-         "abnormal situation, connect policy - `ConnectPolicy::MultiAllow'", false},
-        {static_cast<ConnectPolicy>(9), 0, TransportAdmission::Refused,
-         "proxySessionConnected: session id: 1, failed: unknown policy", false},
-    };
-    for (const auto& c : cases) {
-        Transports transports;
-        Session session(1, TestSupport::namedUser("u"), ServiceDefaults{});
-        session.policyConnect = c.policy;
-        std::vector<pid_t> pids;
-        for (int i = 0; i < c.running; ++i) {
-            pids.push_back(transports.running(session));
+            EXPECT_TRUE(contains(checkLog, "pid: " + std::to_string(transports.children.front().pid))) << checkLog;
         }
         TransportAdmission admission{};
-        const auto text = logged([&] { admission = admitTransport(session); });
-        EXPECT_EQ(admission, c.admission) << static_cast<int>(c.policy) << " " << c.running;
-        EXPECT_EQ(text.empty(), c.line.empty()) << text;
-        EXPECT_TRUE(contains(text, c.line)) << text;
-        for (const pid_t pid : pids) {
-            if (c.terminated) {
-                int status = 0;
-                ASSERT_EQ(waitpid(pid, &status, 0), pid);
-                EXPECT_EQ(WTERMSIG(status), SIGTERM);
+        const auto registerLog = logged([&] { admission = admitTransport(session); });
+        EXPECT_EQ(admission, c.admission) << c.policy << " " << c.running;
+        EXPECT_EQ(registerLog.empty(), c.registered.empty()) << registerLog;
+        EXPECT_TRUE(contains(registerLog, c.registered)) << registerLog;
+        // A replacement tells every running transport to end and frees the slots; nothing else signals one.
+        EXPECT_EQ(session.transports[0].pid == 0, c.admission == ReplaceFirst || c.running + c.ended == 0);
+        for (auto& child : transports.children) {
+            if (c.admission == ReplaceFirst) {
+                EXPECT_EQ(child.reap(), SIGTERM);
             } else {
-                EXPECT_EQ(Transports::signalOf(pid), 0);
+                EXPECT_TRUE(child.running());
             }
-        }
-        if (c.terminated) {
-            EXPECT_FALSE(session.haveActiveConnects());
-            EXPECT_EQ(session.transports[0].pid, 0);
         }
         session.resetAllConnects();
     }
@@ -243,84 +186,14 @@ TEST(TransportPid, OnlyTheCallerItsDescendantsOrAnyProcessForRootAreAccepted) {
             << c.pid << " by " << c.caller.pid << "/" << c.caller.uid;
     }
     // The real process tree: this process and its child, but not its parent.
-    Transports transports;
-    Session session(1, TestSupport::namedUser("u"), ServiceDefaults{});
-    const pid_t child = transports.running(session);
+    const TestSupport::Child child;
     const TransportCaller self{getpid(), 1000};
-    EXPECT_TRUE(transportPidAccepted(child, self, Utils::parentPid));
+    EXPECT_TRUE(transportPidAccepted(child.pid, self, Utils::parentPid));
     EXPECT_FALSE(transportPidAccepted(getppid(), self, Utils::parentPid));
-    session.resetAllConnects();
-
     // A process names itself as it likes: a name that looks like the fields after it must not fool the walk.
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t named = fork();
-    if (named == 0) {
-        prctl(PR_SET_NAME, "x) S 1 1 (y");
-        [[maybe_unused]] auto written = write(ready[1], "r", 1);
-        pause();
-        _exit(0);
-    }
-    char byte = 0;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1);
-    EXPECT_EQ(Utils::parentPid(named), getpid());
-    ::kill(named, SIGKILL);
-    waitpid(named, nullptr, 0);
-    EXPECT_EQ(Utils::parentPid(named), std::nullopt);
-    close(ready[0]);
-    close(ready[1]);
-}
-
-TEST(WatcherSchedule, EachWatcherRunsOnItsOwnPeriodWhenTheLoopSleepsUntilTheNextDue) {
-    PeriodicJobs::Clock::time_point now{};
-    PeriodicJobs jobs(now, [&now] { return now; });
-    std::map<std::string, std::vector<std::chrono::milliseconds>> runs;
-    for (const auto& entry : watcherSchedule) {
-        jobs.add(entry.name, entry.period, [&, name = std::string(entry.name)] {
-            runs[name].push_back(std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()));
-        });
-    }
-    // The watcher thread's loop, with the sleep replaced by moving the clock to the next due time.
-    while (now < PeriodicJobs::Clock::time_point(7600ms)) {
-        jobs.runDue();
-        now = jobs.nextDue();
-    }
-    const std::map<std::string, std::vector<std::chrono::milliseconds>> expected{
-        {"reloadWatcher", {3000ms, 6000ms}},
-        {"stoppedChildsWatcher",
-         {600ms, 1200ms, 1800ms, 2400ms, 3000ms, 3600ms, 4200ms, 4800ms, 5400ms, 6000ms, 6600ms, 7200ms}},
-        {"stoppedTransportWatcher", {750ms, 1500ms, 2250ms, 3000ms, 3750ms, 4500ms, 5250ms, 6000ms, 6750ms, 7500ms}},
-        {"timeLimitSessionsWatcher", {1000ms, 2000ms, 3000ms, 4000ms, 5000ms, 6000ms, 7000ms}},
-        {"seamlessTimeoutWatcher", {2500ms, 5000ms, 7500ms}},
-    };
-    EXPECT_EQ(runs, expected);
-}
-
-TEST(WatcherSchedule, AnIdleWatcherIsNeitherRunNorWokenForAndRunsAtTheFirstPassOnceItHasWork) {
-    PeriodicJobs::Clock::time_point now{};
-    PeriodicJobs jobs(now, [&now] { return now; });
-    bool idle = true;
-    std::vector<std::pair<std::string, std::chrono::milliseconds>> runs;
-    const auto record = [&](const char* name) {
-        return [&, name] {
-            runs.emplace_back(name, std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()));
-        };
-    };
-    jobs.add("children", 600ms, record("children"));
-    jobs.add("transports", 750ms, record("transports"), [&idle] { return idle; });
-    for (int pass = 0; pass < 3; ++pass) {
-        now = std::max(now, jobs.nextDue()); // a job overdue runs at once
-        jobs.runDue();
-    }
-    // Idle: the loop woke only for the other job.
-    EXPECT_EQ(runs, (std::vector<std::pair<std::string, std::chrono::milliseconds>>{
-                        {"children", 600ms}, {"children", 1200ms}, {"children", 1800ms}}));
-    idle = false;
-    runs.clear();
-    for (int pass = 0; pass < 3; ++pass) {
-        now = std::max(now, jobs.nextDue()); // a job overdue runs at once
-        jobs.runDue();
-    }
-    EXPECT_EQ(runs, (std::vector<std::pair<std::string, std::chrono::milliseconds>>{
-                        {"transports", 1800ms}, {"children", 2400ms}, {"transports", 2550ms}}));
+    auto named = std::make_unique<TestSupport::Child>([] { prctl(PR_SET_NAME, "x) S 1 1 (y"); });
+    const pid_t pid = named->pid;
+    EXPECT_EQ(Utils::parentPid(pid), getpid());
+    named.reset();
+    EXPECT_EQ(Utils::parentPid(pid), std::nullopt);
 }

@@ -64,16 +64,30 @@ TEST(PeriodicJobs, JobsKeepTheirOwnSchedulesRunInTheOrderAddedAndOutliveAThrowin
     EXPECT_EQ(order, (std::vector<std::string>{"limits", "children"}));
 }
 
-TEST(PeriodicJobs, NextDueIsTheEarliestTimeAJobBecomesDue) {
+TEST(PeriodicJobs, ALoopSleepingUntilNextDueRunsEachJobOnTimeAndNeverWakesForAnIdleOne) {
     PeriodicJobs::Clock::time_point now{};
     PeriodicJobs jobs(now, [&now] { return now; });
-    jobs.add("children", 600ms, [] {});
-    jobs.add("reload", 3000ms, [] {});
-    EXPECT_EQ(jobs.nextDue(), now + 600ms + 1ns);
-    now += 601ms;
-    jobs.runDue(); // children run at 601 ms, reload waits
-    EXPECT_EQ(jobs.nextDue(), now + 600ms + 1ns);
-    now = PeriodicJobs::Clock::time_point{} + 3000ms + 1ns;
-    jobs.runDue(); // both
-    EXPECT_EQ(jobs.nextDue(), now + 600ms + 1ns);
+    bool idle = true;
+    using Runs = std::vector<std::pair<std::string, long>>; // job, ms
+    Runs runs;
+    const auto record = [&](const char* name) {
+        return [&, name] {
+            runs.emplace_back(name,
+                              std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count());
+        };
+    };
+    jobs.add("children", 600ms, record("children"));
+    jobs.add("transports", 750ms, record("transports"), [&idle] { return idle; });
+    // Idle, the loop wakes only for the other job; then the idle one runs at once, being overdue, and each
+    // keeps its own period.
+    for (const Runs& expected : {Runs{{"children", 600}, {"children", 1200}, {"children", 1800}},
+                                 Runs{{"transports", 1800}, {"children", 2400}, {"transports", 2550}}}) {
+        runs.clear();
+        for (int pass = 0; pass < 3; ++pass) {
+            now = std::max(now, jobs.nextDue());
+            jobs.runDue();
+        }
+        EXPECT_EQ(runs, expected);
+        idle = false;
+    }
 }

@@ -6,7 +6,6 @@
 #include <fstream>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -62,14 +61,6 @@ TEST(Process, StdoutCommandLosesOnlyTheLastNewlineAndNeverUsesAShell) {
     EXPECT_EQ(Utils::runStdoutCommand("/usr/bin/printf", {"a\\nb\\n\\n"}), "a\nb\n");
     EXPECT_EQ(Utils::runStdoutCommand("/usr/bin/printf", {"%s|", "$(id)", ";", "`x`", "a b"}), "$(id)|;|`x`|a b|");
     EXPECT_THROW(Utils::runStdoutCommand("/nonexistent/program", {}), vexa_error);
-}
-
-TEST(Process, BackgroundTaskYieldsTheRawWaitStatus) {
-    const int exited = Utils::runChildProcessBack("/bin/sh", {"-c", "exit 7"}, {}, nullptr, nullptr).get();
-    EXPECT_TRUE(WIFEXITED(exited) && WEXITSTATUS(exited) == 7) << exited;
-    // the child's SIGTERM is back to its default action
-    const int killed = Utils::runChildProcessBack("/bin/sh", {"-c", "kill $$; sleep 5"}, {}, nullptr, nullptr).get();
-    EXPECT_TRUE(WIFSIGNALED(killed) && WTERMSIG(killed) == SIGTERM) << killed;
 }
 
 TEST(Process, WaitSocketWaitsForASocketAndRefusesAnythingElse) {

@@ -3,11 +3,9 @@
 #include <thread>
 #include <vector>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
+#include "common/events.h"
 #include "session/registry.h"
 #include "test_support.h"
 
@@ -19,23 +17,6 @@ std::shared_ptr<Session> makeSession(uint32_t id, std::shared_ptr<UserEx> user, 
     auto session = std::make_shared<Session>(id, std::move(user), ServiceDefaults{});
     session->display = display;
     return session;
-}
-
-// A child that waits to be signalled.
-pid_t spawn() {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        pause();
-        _exit(0);
-    }
-    return pid;
-}
-
-// Reaps the child; the signal that ended it, or 0.
-int reap(pid_t pid) {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
 }
 
 } // namespace
@@ -65,24 +46,22 @@ TEST(RegistryTest, LookupsByIdDisplayAndExactUserName) {
 }
 
 TEST(RegistryTest, TransportSlotsAreReusedWhenFreeAndRunningTransportsAreTerminated) {
-    const pid_t kept = spawn();
-    const pid_t ended = spawn();
-    const pid_t last = spawn();
+    TestSupport::Child kept, ended, last;
     // A transport that has gone: reaped before it registers, so its pidfd says it ended.
-    const pid_t gone = spawn();
-    auto goneFd = Utils::processFd(gone);
-    ::kill(gone, SIGKILL);
-    EXPECT_EQ(reap(gone), SIGKILL);
+    TestSupport::Child gone;
+    auto goneFd = Utils::processFd(gone.pid);
+    ::kill(gone.pid, SIGKILL);
+    EXPECT_EQ(gone.reap(), SIGKILL);
     {
         Session session(1, TestSupport::namedUser("u"), ServiceDefaults{});
         EXPECT_FALSE(session.transports[0].notAlive()); // a free slot never is
-        session.addConnectInfo(gone, "10.0.0.1", std::move(goneFd));
-        session.addConnectInfo(kept, "10.0.0.2", Utils::processFd(kept));
+        session.addConnectInfo(gone.pid, "10.0.0.1", std::move(goneFd));
+        session.addConnectInfo(kept.pid, "10.0.0.2", Utils::processFd(kept.pid));
         // A pid registered without a pidfd is never taken for a running process.
-        session.addConnectInfo(kept, "10.0.0.3", Utils::UniqueFd());
-        session.addConnectInfo(kept, "10.0.0.4", Utils::UniqueFd());
-        session.addConnectInfo(last, "10.0.0.9", Utils::processFd(last)); // the fifth is not recorded
-        EXPECT_EQ(session.findConnectInfo(last), nullptr);
+        session.addConnectInfo(kept.pid, "10.0.0.3", Utils::UniqueFd());
+        session.addConnectInfo(kept.pid, "10.0.0.4", Utils::UniqueFd());
+        session.addConnectInfo(last.pid, "10.0.0.9", Utils::processFd(last.pid)); // the fifth is not recorded
+        EXPECT_EQ(session.findConnectInfo(last.pid), nullptr);
         EXPECT_TRUE(session.transports[0].notAlive());
         EXPECT_TRUE(session.transports[2].notAlive());
         EXPECT_TRUE(session.haveActiveConnects());
@@ -91,16 +70,15 @@ TEST(RegistryTest, TransportSlotsAreReusedWhenFreeAndRunningTransportsAreTermina
         session.transports[1].reset(true);
         EXPECT_TRUE(session.transports[1].remoteaddr.empty());
         EXPECT_FALSE(session.haveActiveConnects());
-        session.addConnectInfo(ended, "10.0.0.5", Utils::processFd(ended));
-        EXPECT_EQ(session.transports[1].pid, ended);
+        session.addConnectInfo(ended.pid, "10.0.0.5", Utils::processFd(ended.pid));
+        EXPECT_EQ(session.transports[1].pid, ended.pid);
         session.resetAllConnects();
         EXPECT_EQ(session.transports[1].pid, 0);
-        EXPECT_EQ(reap(ended), SIGTERM);
-        session.addConnectInfo(last, "10.0.0.6", Utils::processFd(last));
+        EXPECT_EQ(ended.reap(), SIGTERM);
+        session.addConnectInfo(last.pid, "10.0.0.6", Utils::processFd(last.pid));
     }
-    EXPECT_EQ(reap(last), SIGTERM); // on destruction
-    ::kill(kept, SIGKILL);
-    EXPECT_EQ(reap(kept), SIGKILL);
+    EXPECT_EQ(last.reap(), SIGTERM); // on destruction
+    EXPECT_TRUE(kept.running());
 }
 
 TEST(RegistryTest, LookupsAndWalksFromSeveralThreadsSeeConsistentRecords) {

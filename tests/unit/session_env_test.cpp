@@ -65,17 +65,12 @@ TEST(SessionCommand, StartsInTheBackgroundAndCanHideItsArguments) {
 
 TEST(SessionTearDown, EndsTheSessionManagerAndRemovesItsFiles) {
     TestSupport::TempDir dir;
-    const pid_t child = fork();
-    if (child == 0) {
-        pause();
-        _exit(0);
-    }
-    ASSERT_GT(child, 0);
+    TestSupport::Child child;
     std::filesystem::path busFile;
     {
         Session session(7, alice(dir.path), ServiceDefaults{});
-        session.pid2 = child;
-        session.pid2fd = Utils::processFd(child);
+        session.pid2 = child.pid;
+        session.pid2fd = Utils::processFd(child.pid);
         session.xauthfile = dir.path / "xauth_101";
         busFile = session.dbusSessionPath();
         std::filesystem::create_directories(busFile.parent_path());
@@ -83,9 +78,7 @@ TEST(SessionTearDown, EndsTheSessionManagerAndRemovesItsFiles) {
             std::ofstream(file) << "x";
         }
     }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+    EXPECT_EQ(child.reap(), SIGTERM);
     EXPECT_FALSE(std::filesystem::exists(dir.path / "xauth_101"));
     EXPECT_FALSE(std::filesystem::exists(busFile));
     EXPECT_EQ(busFile, dir.path / "vexa" / "dbus_session_7");

@@ -111,5 +111,4 @@ TEST(SessionRequest, StartStatusesAreNegatedExceptTheCrossedEightAndNine) {
     for (const auto& [status, reply] : cases) {
         EXPECT_EQ(sessionRequestReply(static_cast<StartStatus>(status)), reply) << status;
     }
-    EXPECT_EQ(static_cast<int>(StartStatus::NotAllowed), 9);
 }

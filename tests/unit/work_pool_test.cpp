@@ -73,16 +73,12 @@ TEST(WorkPool, AtMostTheLimitRunAndTheRestStartInTheirOrder) {
     }
 }
 
-TEST(WorkPool, ADelayedJobRunsAtItsTimeAlsoInAPoolWithoutThreads) {
-    WorkPool pool("test", 2);
+TEST(WorkPool, ADelayedJobRunsAtItsTimeAlsoInAPoolWithoutThreadsAndHoldsNoWorkerWhileItWaits) {
+    Gate gate;
+    WorkPool pool("test", 1);
     std::promise<void> ran;
     ASSERT_TRUE(pool.submit([&] { ran.set_value(); }, WorkPool::Clock::now() + 20ms));
     EXPECT_EQ(ran.get_future().wait_for(30s), std::future_status::ready);
-}
-
-TEST(WorkPool, ADelayedJobHoldsNoWorkerWhileItWaits) {
-    Gate gate;
-    WorkPool pool("test", 1);
     std::atomic<bool> delayedRan{false};
     ASSERT_TRUE(pool.submit([&] { delayedRan = true; }, WorkPool::Clock::now() + 1h));
     ASSERT_TRUE(pool.submit(gate.job(1)));
