@@ -10,11 +10,9 @@ import re
 import dbus
 import pytest
 
-from conftest import run, wait_line
-from test_session import PASSWORD, XVFB, daemon, new_user  # noqa: F401 (fixtures)
+from conftest import PASSWORD, PROGRAM, XVFB, run, wait_line
 
 XORG = {"xvfb:path": "/usr/bin/Xorg", "xvfb:args": []}
-PROGRAM = {"session:path": "/usr/bin/sleep", "session:args": ["4242"]}
 MONITORS = "ua(uiiuuuuuuu)"
 NUMBERS = itertools.count()  # accounts outlive a test: each test has users of its own
 

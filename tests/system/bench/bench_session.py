@@ -20,7 +20,7 @@ from conftest import (BUS_NAME, CONFIG, INTERFACE, OBJECT_PATH, XVFB, Calls, Pro
                       dispatch, journal, run, wait_for)
 
 XSERVERS = {"xorg": {}, "xvfb": XVFB}  # xorg: the installed default, Xorg with the dummy driver
-SECTIONS = ["sequential", "concurrent", "status", "wrongpass", "disconnect", "idle", "many", "cycles"]
+SECTIONS = ["sequential", "concurrent", "status", "wrongpass", "disconnect", "resize", "idle", "many", "cycles"]
 PASSWORD = "Vexa-bench-P4ss"
 CONCURRENT, WRONG = 6, 3
 # milestone: (SYSLOG_IDENTIFIER, pattern of MESSAGE); the first match after the call counts
@@ -227,6 +227,25 @@ class Bench:
               "ms from the kill to signalSessionDisconnected; each: " + " ".join(f"{ms:.0f}" for ms in delays),
               ["median", "min", "max"], [[statistics.median(delays), min(delays), max(delays)]])
 
+    def resize(self):
+        # Sizes within the session's 1024x768, so that Xvfb (which cannot grow) takes them too: sizes the server has
+        # a mode for after the first use, and sizes that need a new mode from cvt every time.
+        sid, _ = start(self.svc, user(1))
+        display = int(json.loads(str(self.svc.value("vexaSessionInfoJson", "u", sid)))["display"])
+        rows = []
+        for kind, sizes in (("known mode", [(800, 600), (1024, 768)] * self.args.resizes),
+                            ("new mode", [(1000 - 8 * n, 700 - 4 * n) for n in range(self.args.resizes)])):
+            spans = []
+            for width, height in sizes[:self.args.resizes]:
+                called = time.monotonic()
+                if not self.svc.value("vexaDisplayResize", "uqq", display, width, height):
+                    raise RuntimeError(f"resize: {width}x{height} refused")
+                spans.append((time.monotonic() - called) * 1000)
+            rows.append([kind, len(spans), statistics.median(spans), min(spans), max(spans)])
+        end(self.svc, [sid])
+        table("resize: vexaDisplayResize of one session's display, ms from the call to the reply (sent once the X "
+              "server reports the new size)", ["sizes", "calls", "median", "min", "max"], rows)
+
     def idle(self):
         if self.svc.value("vexaSessions"):
             raise RuntimeError("idle: sessions are still listed")
@@ -319,7 +338,8 @@ def main():
             (["--idle-seconds"], float, 30, "idle: seconds measured"),
             (["--many"], int, 100, "many: live sessions of as many users"),
             (["--cycles"], int, 200, "cycles: start/stop cycles"),
-            (["--disconnects"], int, 10, "disconnect: transports killed one after the other")]:
+            (["--disconnects"], int, 10, "disconnect: transports killed one after the other"),
+            (["--resizes"], int, 10, "resize: resizes of each kind")]:
         parser.add_argument(*flags, type=kind, default=default, help=f"{text} (default {default})")
     parser.add_argument("--xserver", default="xvfb", help="configurations, of: " + ",".join(XSERVERS))
     parser.add_argument("--out", help="ignored; results go to standard output")
