@@ -160,6 +160,9 @@ bool DBusService::prepareSession(const SessionPtr& session, const StartSessionAr
     }
 
     session->xauthfile = createXauthFile(display, user.name);
+    if (struct stat status{}; ::stat(session->xauthfile.c_str(), &status) == 0) {
+        session->xauthInode = status.st_ino;
+    }
     // An address file left by a session of an earlier run of the service would be taken for this one's.
     fs::remove(session->dbusSessionPath(), ec);
 

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <string>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 #include "common/logger.h"
 #include "xcb/display_geometry.h"
@@ -35,10 +36,12 @@ Session::~Session() {
     Utils::signalProcess(assistanceFd.get(), SIGTERM);
     // Files that are not there are no error.
     std::error_code ec;
-    for (const auto& file : {xauthfile, dbusSessionPath()}) {
-        if (!file.empty()) {
-            std::filesystem::remove(file, ec);
-        }
+    struct stat status {};
+    if (xauthInode != 0 && ::stat(xauthfile.c_str(), &status) == 0 && status.st_ino == xauthInode) {
+        std::filesystem::remove(xauthfile, ec);
+    }
+    if (const auto busFile = dbusSessionPath(); !busFile.empty()) {
+        std::filesystem::remove(busFile, ec);
     }
     if (user && user.use_count() == 1 && user->profileMounted && umount(user->profileMountPoint.c_str()) != 0) {
         startProfileCloseJob(user->profileMountPoint, static_cast<uid_t>(user->uid));
@@ -49,6 +52,9 @@ bool Session::createXcbConnector() {
     xcbConnector.reset();
     try {
         const auto cookie = Utils::readXauthfile(xauthfile);
+        if (cookie.empty()) {
+            throw std::runtime_error("readXauthfile");
+        }
         xcbConnector = std::make_unique<Xcb::Connector>(static_cast<uint32_t>(display), &cookie);
         Syslog::debug("%s: %s success", "createXcbConnector", "X11 connector");
         return true;

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 
 #include "connect_policy.h"
 #include "limits/resource_limits.h"
@@ -93,6 +94,9 @@ public:
 
     int32_t display = -1; // X display number; -1 until one is chosen
     std::filesystem::path xauthfile;
+    // The file this session created at `xauthfile` (st_ino; 0: none). A later session on the same display makes a
+    // new file of the same name while this one may still be torn down: only our own file is removed.
+    ino_t xauthInode = 0;
     std::string gusId;
     std::string uizr;
     std::string serverId; // of the request that started the session

@@ -42,7 +42,9 @@ bool Connector::connectToDisplay(uint32_t displayNum, const std::vector<uint8_t>
         std::vector<char> data(cookie->begin(), cookie->end());
         xcb_auth_info_t auth{static_cast<int>(name.size()), name.data(), static_cast<int>(data.size()), data.data()};
         conn = xcb_connect_to_display_with_auth_info(addr.c_str(), &auth, &screenNum);
-        std::memset(data.data(), 0, data.size());
+        if (!data.empty()) {
+            std::memset(data.data(), 0, data.size());
+        }
     } else {
         conn = xcb_connect(addr.c_str(), &screenNum);
     }

@@ -2,6 +2,8 @@
 #include <csignal>
 #include <fstream>
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
@@ -67,6 +69,10 @@ TEST(SessionTearDown, EndsTheSessionManagerAndRemovesItsFiles) {
     TestSupport::TempDir dir;
     TestSupport::Child child;
     std::filesystem::path busFile;
+    const auto inode = [](const std::filesystem::path& file) {
+        struct stat status {};
+        return ::stat(file.c_str(), &status) == 0 ? status.st_ino : ino_t{0};
+    };
     {
         Session session(7, alice(dir.path), ServiceDefaults{});
         session.pid2 = child.pid;
@@ -77,9 +83,23 @@ TEST(SessionTearDown, EndsTheSessionManagerAndRemovesItsFiles) {
         for (const auto& file : {session.xauthfile, busFile}) {
             std::ofstream(file) << "x";
         }
+        session.xauthInode = inode(session.xauthfile);
     }
     EXPECT_EQ(child.reap(), SIGTERM);
     EXPECT_FALSE(std::filesystem::exists(dir.path / "xauth_101"));
     EXPECT_FALSE(std::filesystem::exists(busFile));
     EXPECT_EQ(busFile, dir.path / "vexa" / "dbus_session_7");
+
+    // A session torn down after a newer one took its display leaves the newer one's authority file alone.
+    {
+        Session old(8, alice(dir.path), ServiceDefaults{});
+        old.xauthfile = dir.path / "xauth_101";
+        std::ofstream(old.xauthfile) << "old";
+        old.xauthInode = inode(old.xauthfile);
+        std::filesystem::remove(old.xauthfile);
+        std::ofstream(dir.path / "xauth_102") << "new"; // keeps the old inode number from being handed out again
+        std::ofstream(old.xauthfile) << "new";
+        ASSERT_NE(inode(old.xauthfile), old.xauthInode);
+    }
+    EXPECT_TRUE(std::filesystem::exists(dir.path / "xauth_101"));
 }
