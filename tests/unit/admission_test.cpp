@@ -16,11 +16,12 @@ AdmissionLookups lookups(bool connectAllowed = true, std::optional<spwd> shadow 
     static const std::map<std::string, std::list<std::string>> groups{{"staff", {"bob"}}, {"rdp", {"alice", "carol"}}};
     AdmissionLookups l;
     l.user = [](const std::string& name) -> std::unique_ptr<UserInfo> {
-        if (name != "alice" && name != "bob" && name != "carol") {
+        if (name != "alice" && name != "bob" && name != "carol" && name != "root") {
             return nullptr;
         }
         auto user = std::make_unique<UserInfo>(passwd{}, false);
         user->name = name;
+        user->uid = name == "root" ? 0 : 1000;
         user->shell = name == "carol" ? "/bin/false" : "/bin/bash";
         return user;
     };
@@ -74,13 +75,33 @@ TEST(Admission, StepsRefuseOrAdmitInTheirOrder) {
          S::NotAllowed,
          "user is not allowed, user: bob, shell: `/bin/bash'"},
         // The login helper reuses nothing and is not limited, but its user must be in an allowed group.
-        {"alice", "DefaultSession", {.sessionsLimit = 0}, S::Success, "", RunMode::LoginHelper},
+        {"alice",
+         "DefaultSession",
+         {.sessionsLimit = 0, .loginHelperUser = "alice"},
+         S::Success,
+         "",
+         RunMode::LoginHelper},
         {"bob",
          "LoginSession",
-         {.groupsAllow = Groups{"rdp"}},
+         {.groupsAllow = Groups{"rdp"}, .loginHelperUser = "bob"},
          S::NotAllowed,
          "user is not allowed",
          RunMode::LoginHelper},
+        // Login-helper sessions run as the one configured account only, root's sessions only when allowed.
+        {"alice",
+         "LoginSession",
+         {},
+         S::NotAllowed,
+         "login helper refused, user: alice, only for: vexa-login",
+         RunMode::LoginHelper},
+        {"root",
+         "LoginSession",
+         {.loginHelperUser = "vexa-login"},
+         S::NotAllowed,
+         "login helper refused, user: root",
+         RunMode::LoginHelper},
+        {"root", "DefaultSession", {}, S::NotAllowed, "root login refused, user: root"},
+        {"root", "DefaultSession", {.rootLogin = true}, S::Success, ""},
     };
     for (const auto& c : cases) {
         AdmissionResult result;
