@@ -146,8 +146,8 @@ void DBusService::busSessionRequestAuthorized(sdbus::Result<int32_t>&& result, s
 
 void DBusService::busSessionRequest(sdbus::Result<int32_t>&& result, std::string user, std::string pass, uint8_t depth,
                                     uint16_t width, uint16_t height) {
-    authorizedCall("busSessionRequest", std::move(result), &DBusService::busSessionRequestAuthorized, std::move(user),
-                   std::move(pass), depth, width, height);
+    authorizedCallOr("busSessionRequest", std::move(result), {requestFailed}, &DBusService::busSessionRequestAuthorized,
+                     std::move(user), std::move(pass), depth, width, height);
 }
 
 void DBusService::busSessionDomainRequestAuthorized(sdbus::Result<int32_t>&& result, std::string user,
@@ -169,8 +169,9 @@ void DBusService::busSessionDomainRequestAuthorized(sdbus::Result<int32_t>&& res
 
 void DBusService::busSessionDomainRequest(sdbus::Result<int32_t>&& result, std::string user, std::string domain,
                                           std::string pass, uint8_t depth, uint16_t width, uint16_t height) {
-    authorizedCall("busSessionDomainRequest", std::move(result), &DBusService::busSessionDomainRequestAuthorized,
-                   std::move(user), std::move(domain), std::move(pass), depth, width, height);
+    authorizedCallOr("busSessionDomainRequest", std::move(result), {requestFailed},
+                     &DBusService::busSessionDomainRequestAuthorized, std::move(user), std::move(domain),
+                     std::move(pass), depth, width, height);
 }
 
 int32_t DBusService::finishSessionRequest(const StartSessionArgs& args, const SessionRequest& request,
@@ -265,8 +266,8 @@ void DBusService::vexaSessionRequestAuthorized(sdbus::Result<int32_t>&& result, 
 }
 
 void DBusService::vexaSessionRequest(sdbus::Result<int32_t>&& result, std::string params) {
-    authorizedCall("vexaSessionRequest", std::move(result), &DBusService::vexaSessionRequestAuthorized,
-                   std::move(params));
+    authorizedCallOr("vexaSessionRequest", std::move(result), {requestFailed},
+                     &DBusService::vexaSessionRequestAuthorized, std::move(params));
 }
 
 void DBusService::busProgramRequestAuthorized(sdbus::Result<int32_t>&& result, std::string user, std::string domain,
@@ -297,8 +298,8 @@ void DBusService::busProgramRequestAuthorized(sdbus::Result<int32_t>&& result, s
 
 void DBusService::busProgramRequest(sdbus::Result<int32_t>&& result, std::string user, std::string domain,
                                     std::string pass, uint16_t width, uint16_t height, std::string prog) {
-    authorizedCall("busProgramRequest", std::move(result), &DBusService::busProgramRequestAuthorized, std::move(user),
-                   std::move(domain), std::move(pass), width, height, std::move(prog));
+    authorizedCallOr("busProgramRequest", std::move(result), {requestFailed}, &DBusService::busProgramRequestAuthorized,
+                     std::move(user), std::move(domain), std::move(pass), width, height, std::move(prog));
 }
 
 void DBusService::vexaLoginAuthorized(sdbus::Result<bool>&& result, std::string user, std::string domain,
@@ -366,8 +367,8 @@ void DBusService::vexaLoginHelperStartAuthorized(sdbus::Result<sdbus::Struct<int
 
 void DBusService::vexaLoginHelperStart(sdbus::Result<sdbus::Struct<int32_t, std::string>>&& result, std::string user,
                                        int32_t transportPid) {
-    authorizedCall("vexaLoginHelperStart", std::move(result), &DBusService::vexaLoginHelperStartAuthorized,
-                   std::move(user), transportPid);
+    authorizedCallOr("vexaLoginHelperStart", std::move(result), {{-1, std::string()}},
+                     &DBusService::vexaLoginHelperStartAuthorized, std::move(user), transportPid);
 }
 
 std::string DBusService::vexaLoginHelperStarted(const int32_t& transportPid) {

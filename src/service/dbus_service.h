@@ -403,6 +403,13 @@ private:
     template <typename Operation, typename... Values, typename... Args>
     void authorizedCall(const char* method, sdbus::Result<Values...>&& result, Operation operation,
                         Args&&... args) noexcept {
+        authorizedCallOr(method, std::move(result), std::tuple<Values...>{}, operation, std::forward<Args>(args)...);
+    }
+    // The same with the failure values given (a session request's -4, the login helper's (-1, "")).
+    template <typename Operation, typename... Values, typename... Args>
+    void authorizedCallOr(const char* method, sdbus::Result<Values...>&& result,
+                          std::type_identity_t<std::tuple<Values...>> failure, Operation operation,
+                          Args&&... args) noexcept {
         try {
             auto reply = std::make_shared<sdbus::Result<Values...>>(std::move(result));
             auto values = std::make_shared<std::tuple<std::decay_t<Args>...>>(std::forward<Args>(args)...);
@@ -421,7 +428,9 @@ private:
                     },
                     *values);
             };
-            auto refuse = [this, method, reply] { answerNow(method, *reply, Values{}...); };
+            auto refuse = [this, method, reply, failure = std::move(failure)] {
+                std::apply([&](const auto&... value) { answerNow(method, *reply, value...); }, failure);
+            };
             dispatchAuthorized(method, run, refuse);
         } catch (const std::exception& err) {
             error("%s: exception: %s", method, err.what());
