@@ -164,7 +164,8 @@ void DBusService::vexaSessionLimitCpuWeight(sdbus::Result<>&& result, int32_t se
                    session, weight);
 }
 
-void DBusService::vexaUserLimitCpuWeightAuthorized(sdbus::Result<>&& result, std::string login, uint32_t weight) {
+void DBusService::vexaUserLimitCpuWeightAuthorized(sdbus::Result<>&& result, const std::string& login,
+                                                   uint32_t weight) {
     const char* self = "vexaUserLimitCpuWeight";
     info("%s: login: `%s', value: %u", self, login.c_str(), weight);
     answerAfterResourceJob(std::move(result), self,
@@ -194,7 +195,7 @@ void DBusService::vexaSessionLimitCpuQuota(sdbus::Result<>&& result, int32_t ses
                    session, quota);
 }
 
-void DBusService::vexaUserLimitCpuQuotaAuthorized(sdbus::Result<>&& result, std::string login, uint32_t quota) {
+void DBusService::vexaUserLimitCpuQuotaAuthorized(sdbus::Result<>&& result, const std::string& login, uint32_t quota) {
     const char* self = "vexaUserLimitCpuQuota";
     info("%s: login: `%s', value: %u", self, login.c_str(), quota);
     answerAfterResourceJob(std::move(result), self,
@@ -210,7 +211,8 @@ std::string DBusService::vexaMemoryHighDefault() {
     return serve("vexaMemoryHighDefault", std::string(), [this] { return resourceDefaults().memoryHigh; });
 }
 
-void DBusService::vexaSessionLimitMemoryHighAuthorized(sdbus::Result<>&& result, int32_t session, std::string memory) {
+void DBusService::vexaSessionLimitMemoryHighAuthorized(sdbus::Result<>&& result, int32_t session,
+                                                       const std::string& memory) {
     const char* self = "vexaSessionLimitMemoryHigh";
     info("%s: session id: %d, value: `%s'", self, session, memory.c_str());
     answerAfterResourceJob(std::move(result), self,
@@ -222,7 +224,8 @@ void DBusService::vexaSessionLimitMemoryHigh(sdbus::Result<>&& result, int32_t s
                    session, std::move(memory));
 }
 
-void DBusService::vexaUserLimitMemoryHighAuthorized(sdbus::Result<>&& result, std::string login, std::string memory) {
+void DBusService::vexaUserLimitMemoryHighAuthorized(sdbus::Result<>&& result, const std::string& login,
+                                                    const std::string& memory) {
     const char* self = "vexaUserLimitMemoryHigh";
     info("%s: login: `%s', value: `%s'", self, login.c_str(), memory.c_str());
     answerAfterResourceJob(std::move(result), self, userResourceJob(self, login, ResourceControl::MemoryHigh, memory));
@@ -237,7 +240,8 @@ std::string DBusService::vexaMemoryMaxDefault() {
     return serve("vexaMemoryMaxDefault", std::string(), [this] { return resourceDefaults().memoryMax; });
 }
 
-void DBusService::vexaSessionLimitMemoryMaxAuthorized(sdbus::Result<>&& result, int32_t session, std::string memory) {
+void DBusService::vexaSessionLimitMemoryMaxAuthorized(sdbus::Result<>&& result, int32_t session,
+                                                      const std::string& memory) {
     const char* self = "vexaSessionLimitMemoryMax";
     info("%s: session id: %d, value: `%s'", self, session, memory.c_str());
     answerAfterResourceJob(std::move(result), self,
@@ -249,7 +253,8 @@ void DBusService::vexaSessionLimitMemoryMax(sdbus::Result<>&& result, int32_t se
                    session, std::move(memory));
 }
 
-void DBusService::vexaUserLimitMemoryMaxAuthorized(sdbus::Result<>&& result, std::string login, std::string memory) {
+void DBusService::vexaUserLimitMemoryMaxAuthorized(sdbus::Result<>&& result, const std::string& login,
+                                                   const std::string& memory) {
     const char* self = "vexaUserLimitMemoryMax";
     info("%s: login: `%s', value: `%s'", self, login.c_str(), memory.c_str());
     answerAfterResourceJob(std::move(result), self, userResourceJob(self, login, ResourceControl::MemoryMax, memory));
@@ -276,7 +281,7 @@ void DBusService::vexaSessionLimitTasksMax(sdbus::Result<>&& result, int32_t ses
                    session, tasks);
 }
 
-void DBusService::vexaUserLimitTasksMaxAuthorized(sdbus::Result<>&& result, std::string login, uint32_t tasks) {
+void DBusService::vexaUserLimitTasksMaxAuthorized(sdbus::Result<>&& result, const std::string& login, uint32_t tasks) {
     const char* self = "vexaUserLimitTasksMax";
     info("%s: login: `%s', value: %u", self, login.c_str(), tasks);
     answerAfterResourceJob(std::move(result), self,
@@ -292,7 +297,8 @@ std::string DBusService::vexaNetworkDenyDefault() {
     return serve("vexaNetworkDenyDefault", std::string(), [this] { return resourceDefaults().networkDeny; });
 }
 
-void DBusService::vexaSessionNetworkDenyAuthorized(sdbus::Result<>&& result, int32_t session, std::string rules) {
+void DBusService::vexaSessionNetworkDenyAuthorized(sdbus::Result<>&& result, int32_t session,
+                                                   const std::string& rules) {
     const char* self = "vexaSessionNetworkDeny";
     info("%s: session id: %d, value: `%s'", self, session, rules.c_str());
     answerAfterResourceJob(std::move(result), self,
@@ -304,7 +310,8 @@ void DBusService::vexaSessionNetworkDeny(sdbus::Result<>&& result, int32_t sessi
                    std::move(rules));
 }
 
-void DBusService::vexaUserNetworkDenyAuthorized(sdbus::Result<>&& result, std::string login, std::string rules) {
+void DBusService::vexaUserNetworkDenyAuthorized(sdbus::Result<>&& result, const std::string& login,
+                                                const std::string& rules) {
     const char* self = "vexaUserNetworkDeny";
     info("%s: login: `%s', value: `%s'", self, login.c_str(), rules.c_str());
     answerAfterResourceJob(std::move(result), self, userResourceJob(self, login, ResourceControl::NetworkDeny, rules));
@@ -319,7 +326,8 @@ std::string DBusService::vexaNetworkAllowDefault() {
     return serve("vexaNetworkAllowDefault", std::string(), [this] { return resourceDefaults().networkAllow; });
 }
 
-void DBusService::vexaSessionNetworkAllowAuthorized(sdbus::Result<>&& result, int32_t session, std::string rules) {
+void DBusService::vexaSessionNetworkAllowAuthorized(sdbus::Result<>&& result, int32_t session,
+                                                    const std::string& rules) {
     const char* self = "vexaSessionNetworkAllow";
     info("%s: session id: %d, value: `%s'", self, session, rules.c_str());
     answerAfterResourceJob(std::move(result), self,
@@ -331,7 +339,8 @@ void DBusService::vexaSessionNetworkAllow(sdbus::Result<>&& result, int32_t sess
                    session, std::move(rules));
 }
 
-void DBusService::vexaUserNetworkAllowAuthorized(sdbus::Result<>&& result, std::string login, std::string rules) {
+void DBusService::vexaUserNetworkAllowAuthorized(sdbus::Result<>&& result, const std::string& login,
+                                                 const std::string& rules) {
     const char* self = "vexaUserNetworkAllow";
     info("%s: login: `%s', value: `%s'", self, login.c_str(), rules.c_str());
     answerAfterResourceJob(std::move(result), self, userResourceJob(self, login, ResourceControl::NetworkAllow, rules));
