@@ -83,10 +83,20 @@ AdmissionResult admitAccount(const AdmissionRequest& request, const std::vector<
         }
     }
 
+    if (request.mode == RunMode::LoginHelper && name != policy.loginHelperUser) {
+        Syslog::error("%s: login helper refused, user: %s, only for: %s", self, name.c_str(),
+                      policy.loginHelperUser.c_str());
+        return refused(StartStatus::NotAllowed);
+    }
+
     auto user = lookups.user(name);
     if (!user) {
         Syslog::error("%s: user not found: `%s'", self, name.c_str());
         return refused(StartStatus::UserNotFound);
+    }
+    if (user->uid == 0 && !policy.rootLogin) {
+        Syslog::error("%s: root login refused, user: %s", self, name.c_str());
+        return refused(StartStatus::NotAllowed);
     }
     Syslog::debug("%s: user: %s, uid: %d, gid: %d, home: `%s', shell: `%s'", self, user->name.c_str(), user->uid,
                   user->gid, user->home.c_str(), user->shell.c_str());

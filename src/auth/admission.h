@@ -53,6 +53,8 @@ struct AdmissionPolicy {
     uint32_t apiUsersLimit = 0;                          // set over D-Bus; wins when non-zero
     std::optional<std::vector<std::string>> groupsAllow; // "groups:allow"; absent: no group restriction
     bool shadowPolicy = false;                           // "shadow:policy"
+    std::string loginHelperUser = "vexa-login";          // "login:helper:user": the login helper's only account
+    bool rootLogin = false;                              // "login:root:allow": sessions for uid 0
 };
 
 struct AdmissionLookups {

@@ -72,6 +72,20 @@ bool programMissing(const std::filesystem::path& path) {
     return type == std::filesystem::file_type::not_found || type == std::filesystem::file_type::none;
 }
 
+// The environment as the log shows it: the values of variables that carry a secret (the X cookie handed to a
+// session, a password or a token) are replaced, since every log level reaches the journal.
+std::list<std::string> loggableEnvs(const std::list<std::string>& envs) {
+    static constexpr std::string_view secretNames[] = {"COOKIE", "PASSWORD", "PASSWD", "TOKEN", "SECRET"};
+    std::list<std::string> shown;
+    for (const auto& env : envs) {
+        const auto name = std::string_view(env).substr(0, env.find('='));
+        const bool secret = std::any_of(std::begin(secretNames), std::end(secretNames),
+                                        [name](std::string_view word) { return name.find(word) != name.npos; });
+        shown.push_back(secret && name.size() < env.size() ? std::string(name) + "=<hidden>" : env);
+    }
+    return shown;
+}
+
 std::string joinList(const std::list<std::string>& items) {
     std::string text;
     for (const auto& item : items) {
@@ -174,7 +188,7 @@ struct ChildPlan {
     ChildPlan(const std::filesystem::path& program, const std::list<std::string>& args,
               const std::list<std::string>& envs, const UserInfo* owner, const char* logfile)
         : path(program.string()), user(owner), switchUser(owner && getuid() == 0),
-          changesIds(switchUser && !isRootUser(*owner)), envsText(joinList(envs)) {
+          changesIds(switchUser && !isRootUser(*owner)), envsText(joinList(loggableEnvs(envs))) {
         if (logfile) {
             output = logfile;
         } else if (user) {

@@ -22,8 +22,8 @@ void DBusService::replyPasswordCheck(const char* method, const ReplyPtr<bool>& r
         throttleSlot(method, user, caller));
 }
 
-void DBusService::vexaCheckAuthUser(sdbus::Result<bool>&& result, std::string user, std::string pass,
-                                    std::string service) {
+void DBusService::vexaCheckAuthUserAuthorized(sdbus::Result<bool>&& result, std::string user, std::string pass,
+                                              std::string service) {
     const char* self = "vexaCheckAuthUser";
     answerAsync(self, std::move(result), false, [&](const ReplyPtr<bool>& reply) {
         info("%s: user: %s, service: %s", self, user.c_str(), service.c_str());
@@ -45,8 +45,14 @@ void DBusService::vexaCheckAuthUser(sdbus::Result<bool>&& result, std::string us
     });
 }
 
+void DBusService::vexaCheckAuthUser(sdbus::Result<bool>&& result, std::string user, std::string pass,
+                                    std::string service) {
+    authorizedCall("vexaCheckAuthUser", std::move(result), &DBusService::vexaCheckAuthUserAuthorized, std::move(user),
+                   std::move(pass), std::move(service));
+}
+
 bool DBusService::vexaCheckAuthCertificate(const std::string& pemcert) {
-    return boundary("vexaCheckAuthCertificate", false, [&] {
+    return serve("vexaCheckAuthCertificate", false, [&] {
         const auto caFiles = configuration()->getStringList("login:ca:chains");
         return Openssl::checkCertificateChain("vexaCheckAuthCertificate", pemcert, caFiles);
     });

@@ -21,7 +21,7 @@ bool DBusService::sessionCheckPolicyConnection(const Session& session) {
 }
 
 bool DBusService::vexaConnectRdpTransport(const uint32_t& session, const uint32_t& timeout) {
-    return boundary("vexaConnectRdpTransport", false, [&] {
+    return serve("vexaConnectRdpTransport", false, [&] {
         const auto found = findSession(session);
         if (!found) {
             return false;
@@ -39,7 +39,7 @@ bool DBusService::vexaConnectRdpTransport(const uint32_t& session, const uint32_
 }
 
 void DBusService::proxyListenStarted(const uint32_t& session, const bool& status) {
-    boundary("proxyListenStarted", [&] {
+    serve("proxyListenStarted", [&] {
         if (!findSession(session)) {
             return;
         }
@@ -50,18 +50,18 @@ void DBusService::proxyListenStarted(const uint32_t& session, const bool& status
 }
 
 bool DBusService::vexaCheckProxyListen() {
-    return proxyListen.load();
+    return serve("vexaCheckProxyListen", false, [this] { return proxyListen.load(); });
 }
 
 void DBusService::proxyListenTimeout(const uint32_t& timeout) {
-    boundary("proxyListenTimeout", [&] {
+    serve("proxyListenTimeout", [&] {
         info("%s: set timeout: %u", "proxyListenTimeout", timeout);
         emitSignal("signalProxyListenTimeout", [&] { emitSignalProxyListenTimeout(timeout); });
     });
 }
 
 void DBusService::proxyClientConnected(const uint32_t& session, const std::string& ipaddr) {
-    boundary("proxyClientConnected", [&] {
+    serve("proxyClientConnected", [&] {
         const auto found = findSession(session);
         if (!found) {
             return;
@@ -105,7 +105,8 @@ void DBusService::completeTransportRegistration(const SessionPtr& session, uint3
     emitSignal("signalSessionConnected", [&] { emitSignalSessionConnected(sid, static_cast<uint32_t>(pid), ipaddr); });
 }
 
-void DBusService::proxySessionConnected(sdbus::Result<>&& result, uint32_t session, uint32_t pid, std::string ipaddr) {
+void DBusService::proxySessionConnectedAuthorized(sdbus::Result<>&& result, uint32_t session, uint32_t pid,
+                                                  std::string ipaddr) {
     const char* self = "proxySessionConnected";
     // The reply carries no value: it says that the registration is over (after a replaced transport's pause).
     auto reply = std::make_shared<PendingReply<>>(std::move(result));
@@ -145,7 +146,12 @@ void DBusService::proxySessionConnected(sdbus::Result<>&& result, uint32_t sessi
     }
 }
 
-void DBusService::vexaSessionPolicyConnect(const int32_t& session, const uint32_t& policy) {
+void DBusService::proxySessionConnected(sdbus::Result<>&& result, uint32_t session, uint32_t pid, std::string ipaddr) {
+    authorizedCall("proxySessionConnected", std::move(result), &DBusService::proxySessionConnectedAuthorized, session,
+                   pid, std::move(ipaddr));
+}
+
+void DBusService::vexaSessionPolicyConnectAuthorized(const int32_t& session, const uint32_t& policy) {
     boundary("vexaSessionPolicyConnect", [&] {
         info("%s: session id: %d, policy: %u", "vexaSessionPolicyConnect", session, policy);
         if (policy == 0 || policy > static_cast<uint32_t>(ConnectPolicy::MultiAllow)) {
@@ -159,12 +165,17 @@ void DBusService::vexaSessionPolicyConnect(const int32_t& session, const uint32_
     });
 }
 
+void DBusService::vexaSessionPolicyConnect(sdbus::Result<>&& result, int32_t session, uint32_t policy) {
+    authorizedCall("vexaSessionPolicyConnect", std::move(result), &DBusService::vexaSessionPolicyConnectAuthorized,
+                   session, policy);
+}
+
 uint32_t DBusService::vexaPolicyConnectDefault() {
-    return boundary("vexaPolicyConnectDefault", 0u, [this] { return static_cast<uint32_t>(defaults().connectPolicy); });
+    return serve("vexaPolicyConnectDefault", 0u, [this] { return static_cast<uint32_t>(defaults().connectPolicy); });
 }
 
 uint32_t DBusService::vexaTransportDisplayInactivity(const uint32_t& display) {
-    return boundary("vexaTransportDisplayInactivity", 0u, [&] {
+    return serve("vexaTransportDisplayInactivity", 0u, [&] {
         info("%s: display id: %u", "vexaTransportDisplayInactivity", display);
         const auto found = findDisplaySession(display);
         if (!found) {
@@ -175,7 +186,7 @@ uint32_t DBusService::vexaTransportDisplayInactivity(const uint32_t& display) {
 }
 
 void DBusService::vexaTransportDisplayInactivityEvent(const uint32_t& display) {
-    boundary("vexaTransportDisplayInactivityEvent", [&] {
+    serve("vexaTransportDisplayInactivityEvent", [&] {
         info("%s: display id: %u", "vexaTransportDisplayInactivityEvent", display);
         auto found = findDisplaySession(display);
         if (!found) {
@@ -194,7 +205,7 @@ void DBusService::vexaTransportDisplayInactivityEvent(const uint32_t& display) {
                         return found->loginMode;
                     });
                     if (!login) {
-                        vexaDisconnect(found->sid);
+                        vexaDisconnectAuthorized(found->sid);
                     }
                 });
             },

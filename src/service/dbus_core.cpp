@@ -7,43 +7,55 @@
 namespace Vexa {
 
 void DBusService::busServiceShutdown() {
-    boundary("busServiceShutdown", [] {
+    serve("busServiceShutdown", [] {
         notice("%s: process is initiated", "busServiceShutdown");
         requestServiceStop();
     });
 }
 
-void DBusService::busSetDebugLevel(const std::string& value) {
+void DBusService::busSetDebugLevelAuthorized(const std::string& value) {
     boundary("busSetDebugLevel", [&value] {
         info("%s: level: %s", "busSetDebugLevel", value.c_str());
         Syslog::setDebugLevel(value);
     });
 }
 
+void DBusService::busSetDebugLevel(sdbus::Result<>&& result, std::string value) {
+    authorizedCall("busSetDebugLevel", std::move(result), &DBusService::busSetDebugLevelAuthorized, std::move(value));
+}
+
 bool DBusService::vexaStatus() {
-    return boundary("vexaStatus", false, [] {
+    return serve("vexaStatus", false, [] {
         debug("%s", "vexaStatus");
         return true;
     });
 }
 
 std::string DBusService::vexaTest() {
-    return boundary("vexaTest", std::string(), [] {
+    return serve("vexaTest", std::string(), [] {
         info("%s send ping version success", "vexaTest");
         return productVersion("SERVICE");
     });
 }
 
 uint32_t DBusService::vexaApiVersion() {
-    return apiVersion;
+    return serve("vexaApiVersion", 0u, [] { return apiVersion; });
 }
 
-void DBusService::vexaSessionsLimit(const uint32_t& limit) {
+void DBusService::vexaSessionsLimitAuthorized(const uint32_t& limit) {
     apiSessionsLimit.store(limit);
 }
 
-void DBusService::vexaUsersLimit(const uint32_t& limit) {
+void DBusService::vexaSessionsLimit(sdbus::Result<>&& result, uint32_t limit) {
+    authorizedCall("vexaSessionsLimit", std::move(result), &DBusService::vexaSessionsLimitAuthorized, limit);
+}
+
+void DBusService::vexaUsersLimitAuthorized(const uint32_t& limit) {
     apiUsersLimit.store(limit);
+}
+
+void DBusService::vexaUsersLimit(sdbus::Result<>&& result, uint32_t limit) {
+    authorizedCall("vexaUsersLimit", std::move(result), &DBusService::vexaUsersLimitAuthorized, limit);
 }
 
 } // namespace Vexa

@@ -66,7 +66,8 @@ DBusService::SessionPtr DBusService::findDisplaySessionLogged(const char* method
     return session;
 }
 
-void DBusService::vexaSessionGeometry(sdbus::Result<>&& result, uint32_t session, uint16_t width, uint16_t height) {
+void DBusService::vexaSessionGeometryAuthorized(sdbus::Result<>&& result, uint32_t session, uint16_t width,
+                                                uint16_t height) {
     auto reply = std::make_shared<PendingReply<>>(std::move(result));
     // True when a worker answers.
     const bool handedOver = boundary(sessionGeometry, false, [&] {
@@ -95,7 +96,13 @@ void DBusService::vexaSessionGeometry(sdbus::Result<>&& result, uint32_t session
     }
 }
 
-void DBusService::vexaDisplayResize(sdbus::Result<bool>&& result, uint32_t display, uint16_t width, uint16_t height) {
+void DBusService::vexaSessionGeometry(sdbus::Result<>&& result, uint32_t session, uint16_t width, uint16_t height) {
+    authorizedCall("vexaSessionGeometry", std::move(result), &DBusService::vexaSessionGeometryAuthorized, session,
+                   width, height);
+}
+
+void DBusService::vexaDisplayResizeAuthorized(sdbus::Result<bool>&& result, uint32_t display, uint16_t width,
+                                              uint16_t height) {
     constexpr const char* self = "vexaDisplayResize";
     answerAsync(self, std::move(result), false, [&](const ReplyPtr<bool>& reply) {
         debug("%s: display: %u, width: %u, height: %u", self, display, width, height);
@@ -103,8 +110,13 @@ void DBusService::vexaDisplayResize(sdbus::Result<bool>&& result, uint32_t displ
     });
 }
 
-void DBusService::vexaTransportDisplayMonitorsChanged(sdbus::Result<bool>&& result, uint32_t display,
-                                                      std::vector<MonitorStruct> monitors) {
+void DBusService::vexaDisplayResize(sdbus::Result<bool>&& result, uint32_t display, uint16_t width, uint16_t height) {
+    authorizedCall("vexaDisplayResize", std::move(result), &DBusService::vexaDisplayResizeAuthorized, display, width,
+                   height);
+}
+
+void DBusService::vexaTransportDisplayMonitorsChangedAuthorized(sdbus::Result<bool>&& result, uint32_t display,
+                                                                std::vector<MonitorStruct> monitors) {
     constexpr const char* self = "vexaTransportDisplayMonitorsChanged";
     answerAsync(self, std::move(result), false, [&](const ReplyPtr<bool>& reply) {
         debug("%s: display: %u, monitors: %zu", self, display, monitors.size());
@@ -123,6 +135,15 @@ void DBusService::vexaTransportDisplayMonitorsChanged(sdbus::Result<bool>&& resu
         replyGeometryUpdate(self, reply, findDisplaySessionLogged(self, display),
                             std::get<Xcb::Layout>(std::move(layout)));
     });
+}
+
+void DBusService::vexaTransportDisplayMonitorsChanged(
+    sdbus::Result<bool>&& result, uint32_t display,
+    std::vector<
+        sdbus::Struct<uint32_t, int32_t, int32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t>>
+        monitors) {
+    authorizedCall("vexaTransportDisplayMonitorsChanged", std::move(result),
+                   &DBusService::vexaTransportDisplayMonitorsChangedAuthorized, display, std::move(monitors));
 }
 
 } // namespace Vexa

@@ -41,13 +41,19 @@ bool DBusService::sendNotify(uint32_t session, const std::string& header, const 
     return true;
 }
 
-void DBusService::vexaSendNotify(sdbus::Result<bool>&& result, uint32_t session, std::string header,
-                                 std::string message, uint8_t level) {
+void DBusService::vexaSendNotifyAuthorized(sdbus::Result<bool>&& result, uint32_t session, std::string header,
+                                           std::string message, uint8_t level) {
     answerAsync("vexaSendNotify", std::move(result), false, [&](const ReplyPtr<bool>& reply) {
         replyFromWorker("vexaSendNotify", reply, false, [this, session, header, message, level] {
             return sendNotify(session, header, message, level);
         });
     });
+}
+
+void DBusService::vexaSendNotify(sdbus::Result<bool>&& result, uint32_t session, std::string header,
+                                 std::string message, uint8_t level) {
+    authorizedCall("vexaSendNotify", std::move(result), &DBusService::vexaSendNotifyAuthorized, session,
+                   std::move(header), std::move(message), level);
 }
 
 bool DBusService::remoteAssistance(uint32_t session, bool start) {
@@ -94,11 +100,16 @@ bool DBusService::remoteAssistance(uint32_t session, bool start) {
     return false;
 }
 
-void DBusService::vexaSessionRemoteAssistance(sdbus::Result<bool>&& result, uint32_t session, bool start) {
+void DBusService::vexaSessionRemoteAssistanceAuthorized(sdbus::Result<bool>&& result, uint32_t session, bool start) {
     answerAsync("vexaSessionRemoteAssistance", std::move(result), false, [&](const ReplyPtr<bool>& reply) {
         replyFromWorker("vexaSessionRemoteAssistance", reply, false,
                         [this, session, start] { return remoteAssistance(session, start); });
     });
+}
+
+void DBusService::vexaSessionRemoteAssistance(sdbus::Result<bool>&& result, uint32_t session, bool start) {
+    authorizedCall("vexaSessionRemoteAssistance", std::move(result),
+                   &DBusService::vexaSessionRemoteAssistanceAuthorized, session, start);
 }
 
 } // namespace Vexa

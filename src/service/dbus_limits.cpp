@@ -147,10 +147,10 @@ std::function<void()> DBusService::refuseCpuWeight(const char* method, uint32_t 
 }
 
 uint32_t DBusService::vexaCpuWeightDefault() {
-    return static_cast<uint32_t>(resourceDefaults().cpuWeight);
+    return serve("vexaCpuWeightDefault", 0u, [this] { return static_cast<uint32_t>(resourceDefaults().cpuWeight); });
 }
 
-void DBusService::vexaSessionLimitCpuWeight(sdbus::Result<>&& result, int32_t session, uint32_t weight) {
+void DBusService::vexaSessionLimitCpuWeightAuthorized(sdbus::Result<>&& result, int32_t session, uint32_t weight) {
     const char* self = "vexaSessionLimitCpuWeight";
     info("%s: session id: %d, value: %u", self, session, weight);
     answerAfterResourceJob(std::move(result), self,
@@ -159,7 +159,13 @@ void DBusService::vexaSessionLimitCpuWeight(sdbus::Result<>&& result, int32_t se
                                : sessionResourceJob(self, session, ResourceControl::CpuWeight, numberText(weight)));
 }
 
-void DBusService::vexaUserLimitCpuWeight(sdbus::Result<>&& result, std::string login, uint32_t weight) {
+void DBusService::vexaSessionLimitCpuWeight(sdbus::Result<>&& result, int32_t session, uint32_t weight) {
+    authorizedCall("vexaSessionLimitCpuWeight", std::move(result), &DBusService::vexaSessionLimitCpuWeightAuthorized,
+                   session, weight);
+}
+
+void DBusService::vexaUserLimitCpuWeightAuthorized(sdbus::Result<>&& result, const std::string& login,
+                                                   uint32_t weight) {
     const char* self = "vexaUserLimitCpuWeight";
     info("%s: login: `%s', value: %u", self, login.c_str(), weight);
     answerAfterResourceJob(std::move(result), self,
@@ -168,115 +174,188 @@ void DBusService::vexaUserLimitCpuWeight(sdbus::Result<>&& result, std::string l
                                : userResourceJob(self, login, ResourceControl::CpuWeight, numberText(weight)));
 }
 
-uint32_t DBusService::vexaCpuQuotaDefault() {
-    return static_cast<uint32_t>(resourceDefaults().cpuQuota);
+void DBusService::vexaUserLimitCpuWeight(sdbus::Result<>&& result, std::string login, uint32_t weight) {
+    authorizedCall("vexaUserLimitCpuWeight", std::move(result), &DBusService::vexaUserLimitCpuWeightAuthorized,
+                   std::move(login), weight);
 }
 
-void DBusService::vexaSessionLimitCpuQuota(sdbus::Result<>&& result, int32_t session, uint32_t quota) {
+uint32_t DBusService::vexaCpuQuotaDefault() {
+    return serve("vexaCpuQuotaDefault", 0u, [this] { return static_cast<uint32_t>(resourceDefaults().cpuQuota); });
+}
+
+void DBusService::vexaSessionLimitCpuQuotaAuthorized(sdbus::Result<>&& result, int32_t session, uint32_t quota) {
     const char* self = "vexaSessionLimitCpuQuota";
     info("%s: session id: %d, value: %u", self, session, quota);
     answerAfterResourceJob(std::move(result), self,
                            sessionResourceJob(self, session, ResourceControl::CpuQuota, percentText(quota)));
 }
 
-void DBusService::vexaUserLimitCpuQuota(sdbus::Result<>&& result, std::string login, uint32_t quota) {
+void DBusService::vexaSessionLimitCpuQuota(sdbus::Result<>&& result, int32_t session, uint32_t quota) {
+    authorizedCall("vexaSessionLimitCpuQuota", std::move(result), &DBusService::vexaSessionLimitCpuQuotaAuthorized,
+                   session, quota);
+}
+
+void DBusService::vexaUserLimitCpuQuotaAuthorized(sdbus::Result<>&& result, const std::string& login, uint32_t quota) {
     const char* self = "vexaUserLimitCpuQuota";
     info("%s: login: `%s', value: %u", self, login.c_str(), quota);
     answerAfterResourceJob(std::move(result), self,
                            userResourceJob(self, login, ResourceControl::CpuQuota, percentText(quota)));
 }
 
-std::string DBusService::vexaMemoryHighDefault() {
-    return boundary("vexaMemoryHighDefault", std::string(), [this] { return resourceDefaults().memoryHigh; });
+void DBusService::vexaUserLimitCpuQuota(sdbus::Result<>&& result, std::string login, uint32_t quota) {
+    authorizedCall("vexaUserLimitCpuQuota", std::move(result), &DBusService::vexaUserLimitCpuQuotaAuthorized,
+                   std::move(login), quota);
 }
 
-void DBusService::vexaSessionLimitMemoryHigh(sdbus::Result<>&& result, int32_t session, std::string memory) {
+std::string DBusService::vexaMemoryHighDefault() {
+    return serve("vexaMemoryHighDefault", std::string(), [this] { return resourceDefaults().memoryHigh; });
+}
+
+void DBusService::vexaSessionLimitMemoryHighAuthorized(sdbus::Result<>&& result, int32_t session,
+                                                       const std::string& memory) {
     const char* self = "vexaSessionLimitMemoryHigh";
     info("%s: session id: %d, value: `%s'", self, session, memory.c_str());
     answerAfterResourceJob(std::move(result), self,
                            sessionResourceJob(self, session, ResourceControl::MemoryHigh, memory));
 }
 
-void DBusService::vexaUserLimitMemoryHigh(sdbus::Result<>&& result, std::string login, std::string memory) {
+void DBusService::vexaSessionLimitMemoryHigh(sdbus::Result<>&& result, int32_t session, std::string memory) {
+    authorizedCall("vexaSessionLimitMemoryHigh", std::move(result), &DBusService::vexaSessionLimitMemoryHighAuthorized,
+                   session, std::move(memory));
+}
+
+void DBusService::vexaUserLimitMemoryHighAuthorized(sdbus::Result<>&& result, const std::string& login,
+                                                    const std::string& memory) {
     const char* self = "vexaUserLimitMemoryHigh";
     info("%s: login: `%s', value: `%s'", self, login.c_str(), memory.c_str());
     answerAfterResourceJob(std::move(result), self, userResourceJob(self, login, ResourceControl::MemoryHigh, memory));
 }
 
-std::string DBusService::vexaMemoryMaxDefault() {
-    return boundary("vexaMemoryMaxDefault", std::string(), [this] { return resourceDefaults().memoryMax; });
+void DBusService::vexaUserLimitMemoryHigh(sdbus::Result<>&& result, std::string login, std::string memory) {
+    authorizedCall("vexaUserLimitMemoryHigh", std::move(result), &DBusService::vexaUserLimitMemoryHighAuthorized,
+                   std::move(login), std::move(memory));
 }
 
-void DBusService::vexaSessionLimitMemoryMax(sdbus::Result<>&& result, int32_t session, std::string memory) {
+std::string DBusService::vexaMemoryMaxDefault() {
+    return serve("vexaMemoryMaxDefault", std::string(), [this] { return resourceDefaults().memoryMax; });
+}
+
+void DBusService::vexaSessionLimitMemoryMaxAuthorized(sdbus::Result<>&& result, int32_t session,
+                                                      const std::string& memory) {
     const char* self = "vexaSessionLimitMemoryMax";
     info("%s: session id: %d, value: `%s'", self, session, memory.c_str());
     answerAfterResourceJob(std::move(result), self,
                            sessionResourceJob(self, session, ResourceControl::MemoryMax, memory));
 }
 
-void DBusService::vexaUserLimitMemoryMax(sdbus::Result<>&& result, std::string login, std::string memory) {
+void DBusService::vexaSessionLimitMemoryMax(sdbus::Result<>&& result, int32_t session, std::string memory) {
+    authorizedCall("vexaSessionLimitMemoryMax", std::move(result), &DBusService::vexaSessionLimitMemoryMaxAuthorized,
+                   session, std::move(memory));
+}
+
+void DBusService::vexaUserLimitMemoryMaxAuthorized(sdbus::Result<>&& result, const std::string& login,
+                                                   const std::string& memory) {
     const char* self = "vexaUserLimitMemoryMax";
     info("%s: login: `%s', value: `%s'", self, login.c_str(), memory.c_str());
     answerAfterResourceJob(std::move(result), self, userResourceJob(self, login, ResourceControl::MemoryMax, memory));
 }
 
-uint32_t DBusService::vexaTasksMaxDefault() {
-    return static_cast<uint32_t>(resourceDefaults().tasksMax);
+void DBusService::vexaUserLimitMemoryMax(sdbus::Result<>&& result, std::string login, std::string memory) {
+    authorizedCall("vexaUserLimitMemoryMax", std::move(result), &DBusService::vexaUserLimitMemoryMaxAuthorized,
+                   std::move(login), std::move(memory));
 }
 
-void DBusService::vexaSessionLimitTasksMax(sdbus::Result<>&& result, int32_t session, uint32_t tasks) {
+uint32_t DBusService::vexaTasksMaxDefault() {
+    return serve("vexaTasksMaxDefault", 0u, [this] { return static_cast<uint32_t>(resourceDefaults().tasksMax); });
+}
+
+void DBusService::vexaSessionLimitTasksMaxAuthorized(sdbus::Result<>&& result, int32_t session, uint32_t tasks) {
     const char* self = "vexaSessionLimitTasksMax";
     info("%s: session id: %d, value: %u", self, session, tasks);
     answerAfterResourceJob(std::move(result), self,
                            sessionResourceJob(self, session, ResourceControl::TasksMax, numberText(tasks)));
 }
 
-void DBusService::vexaUserLimitTasksMax(sdbus::Result<>&& result, std::string login, uint32_t tasks) {
+void DBusService::vexaSessionLimitTasksMax(sdbus::Result<>&& result, int32_t session, uint32_t tasks) {
+    authorizedCall("vexaSessionLimitTasksMax", std::move(result), &DBusService::vexaSessionLimitTasksMaxAuthorized,
+                   session, tasks);
+}
+
+void DBusService::vexaUserLimitTasksMaxAuthorized(sdbus::Result<>&& result, const std::string& login, uint32_t tasks) {
     const char* self = "vexaUserLimitTasksMax";
     info("%s: login: `%s', value: %u", self, login.c_str(), tasks);
     answerAfterResourceJob(std::move(result), self,
                            userResourceJob(self, login, ResourceControl::TasksMax, numberText(tasks)));
 }
 
-std::string DBusService::vexaNetworkDenyDefault() {
-    return boundary("vexaNetworkDenyDefault", std::string(), [this] { return resourceDefaults().networkDeny; });
+void DBusService::vexaUserLimitTasksMax(sdbus::Result<>&& result, std::string login, uint32_t tasks) {
+    authorizedCall("vexaUserLimitTasksMax", std::move(result), &DBusService::vexaUserLimitTasksMaxAuthorized,
+                   std::move(login), tasks);
 }
 
-void DBusService::vexaSessionNetworkDeny(sdbus::Result<>&& result, int32_t session, std::string rules) {
+std::string DBusService::vexaNetworkDenyDefault() {
+    return serve("vexaNetworkDenyDefault", std::string(), [this] { return resourceDefaults().networkDeny; });
+}
+
+void DBusService::vexaSessionNetworkDenyAuthorized(sdbus::Result<>&& result, int32_t session,
+                                                   const std::string& rules) {
     const char* self = "vexaSessionNetworkDeny";
     info("%s: session id: %d, value: `%s'", self, session, rules.c_str());
     answerAfterResourceJob(std::move(result), self,
                            sessionResourceJob(self, session, ResourceControl::NetworkDeny, rules));
 }
 
-void DBusService::vexaUserNetworkDeny(sdbus::Result<>&& result, std::string login, std::string rules) {
+void DBusService::vexaSessionNetworkDeny(sdbus::Result<>&& result, int32_t session, std::string rules) {
+    authorizedCall("vexaSessionNetworkDeny", std::move(result), &DBusService::vexaSessionNetworkDenyAuthorized, session,
+                   std::move(rules));
+}
+
+void DBusService::vexaUserNetworkDenyAuthorized(sdbus::Result<>&& result, const std::string& login,
+                                                const std::string& rules) {
     const char* self = "vexaUserNetworkDeny";
     info("%s: login: `%s', value: `%s'", self, login.c_str(), rules.c_str());
     answerAfterResourceJob(std::move(result), self, userResourceJob(self, login, ResourceControl::NetworkDeny, rules));
 }
 
-std::string DBusService::vexaNetworkAllowDefault() {
-    return boundary("vexaNetworkAllowDefault", std::string(), [this] { return resourceDefaults().networkAllow; });
+void DBusService::vexaUserNetworkDeny(sdbus::Result<>&& result, std::string login, std::string rules) {
+    authorizedCall("vexaUserNetworkDeny", std::move(result), &DBusService::vexaUserNetworkDenyAuthorized,
+                   std::move(login), std::move(rules));
 }
 
-void DBusService::vexaSessionNetworkAllow(sdbus::Result<>&& result, int32_t session, std::string rules) {
+std::string DBusService::vexaNetworkAllowDefault() {
+    return serve("vexaNetworkAllowDefault", std::string(), [this] { return resourceDefaults().networkAllow; });
+}
+
+void DBusService::vexaSessionNetworkAllowAuthorized(sdbus::Result<>&& result, int32_t session,
+                                                    const std::string& rules) {
     const char* self = "vexaSessionNetworkAllow";
     info("%s: session id: %d, value: `%s'", self, session, rules.c_str());
     answerAfterResourceJob(std::move(result), self,
                            sessionResourceJob(self, session, ResourceControl::NetworkAllow, rules));
 }
 
-void DBusService::vexaUserNetworkAllow(sdbus::Result<>&& result, std::string login, std::string rules) {
+void DBusService::vexaSessionNetworkAllow(sdbus::Result<>&& result, int32_t session, std::string rules) {
+    authorizedCall("vexaSessionNetworkAllow", std::move(result), &DBusService::vexaSessionNetworkAllowAuthorized,
+                   session, std::move(rules));
+}
+
+void DBusService::vexaUserNetworkAllowAuthorized(sdbus::Result<>&& result, const std::string& login,
+                                                 const std::string& rules) {
     const char* self = "vexaUserNetworkAllow";
     info("%s: login: `%s', value: `%s'", self, login.c_str(), rules.c_str());
     answerAfterResourceJob(std::move(result), self, userResourceJob(self, login, ResourceControl::NetworkAllow, rules));
 }
 
-bool DBusService::vexaSessionDisconnectedFreezeDefault() {
-    return boundary("vexaSessionDisconnectedFreezeDefault", false, [this] { return defaults().disconnectedFreeze; });
+void DBusService::vexaUserNetworkAllow(sdbus::Result<>&& result, std::string login, std::string rules) {
+    authorizedCall("vexaUserNetworkAllow", std::move(result), &DBusService::vexaUserNetworkAllowAuthorized,
+                   std::move(login), std::move(rules));
 }
 
-void DBusService::vexaSessionDisconnectedFreeze(const int32_t& session, const bool& val) {
+bool DBusService::vexaSessionDisconnectedFreezeDefault() {
+    return serve("vexaSessionDisconnectedFreezeDefault", false, [this] { return defaults().disconnectedFreeze; });
+}
+
+void DBusService::vexaSessionDisconnectedFreezeAuthorized(const int32_t& session, const bool& val) {
     boundary("vexaSessionDisconnectedFreeze", [&] {
         info("%s: session id: %d, policy: %s", "vexaSessionDisconnectedFreeze", session, val ? "true" : "false");
         // Takes effect at the next freeze request: nothing is frozen or thawed now.
@@ -284,6 +363,11 @@ void DBusService::vexaSessionDisconnectedFreeze(const int32_t& session, const bo
             session, false, [val](Session& entry) { entry.disconnectedFreeze = val; },
             [val](ServiceDefaults& defs) { defs.disconnectedFreeze = val; });
     });
+}
+
+void DBusService::vexaSessionDisconnectedFreeze(sdbus::Result<>&& result, int32_t session, bool val) {
+    authorizedCall("vexaSessionDisconnectedFreeze", std::move(result),
+                   &DBusService::vexaSessionDisconnectedFreezeAuthorized, session, val);
 }
 
 } // namespace Vexa

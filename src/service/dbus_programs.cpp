@@ -34,14 +34,14 @@ void DBusService::reloadProgramsWatcher() {
 }
 
 std::vector<std::string> DBusService::vexaProgramList() {
-    return boundary("vexaProgramList", std::vector<std::string>(), [this] {
+    return serve("vexaProgramList", std::vector<std::string>(), [this] {
         reloadPrograms(programSources(*configuration()));
         return programs.getNames();
     });
 }
 
 std::vector<uint8_t> DBusService::vexaProgramIconPng(const std::string& name) {
-    return boundary("vexaProgramIconPng", std::vector<uint8_t>(), [this, &name] {
+    return serve("vexaProgramIconPng", std::vector<uint8_t>(), [this, &name] {
         debug("%s: program name: `%s'", "vexaProgramIconPng", name.c_str());
         const auto program = programs.find(name);
         if (!program) {

@@ -47,7 +47,7 @@ void DBusService::setRedirectPolicy(const char* method, int32_t session, Redirec
 }
 
 void DBusService::vexaRdpSecurityPolicy(const uint32_t& session, const bool& nla, const bool& tls, const bool& rdp) {
-    boundary("vexaRdpSecurityPolicy", [&] {
+    serve("vexaRdpSecurityPolicy", [&] {
         info("%s: session id: %u, nla: %d, tls: %d, rdp: %d", "vexaRdpSecurityPolicy", session, nla, tls, rdp);
         if (const auto found = findSession(session)) {
             sessions.locked([&](SessionRegistry::Map&) {
@@ -59,20 +59,35 @@ void DBusService::vexaRdpSecurityPolicy(const uint32_t& session, const bool& nla
     });
 }
 
-void DBusService::vexaSessionPolicyRedirectPrinter(const int32_t& session, const bool& enable) {
+void DBusService::vexaSessionPolicyRedirectPrinterAuthorized(const int32_t& session, const bool& enable) {
     setRedirectPolicy("vexaSessionPolicyRedirectPrinter", session, RedirectBit::Printer, enable);
 }
 
-void DBusService::vexaSessionPolicyRedirectAudio(const int32_t& session, const bool& enable) {
+void DBusService::vexaSessionPolicyRedirectPrinter(sdbus::Result<>&& result, int32_t session, bool enable) {
+    authorizedCall("vexaSessionPolicyRedirectPrinter", std::move(result),
+                   &DBusService::vexaSessionPolicyRedirectPrinterAuthorized, session, enable);
+}
+
+void DBusService::vexaSessionPolicyRedirectAudioAuthorized(const int32_t& session, const bool& enable) {
     setRedirectPolicy("vexaSessionPolicyRedirectAudio", session, RedirectBit::Audio, enable);
 }
 
-void DBusService::vexaSessionPolicyRedirectMicrophone(const int32_t& session, const bool& enable) {
+void DBusService::vexaSessionPolicyRedirectAudio(sdbus::Result<>&& result, int32_t session, bool enable) {
+    authorizedCall("vexaSessionPolicyRedirectAudio", std::move(result),
+                   &DBusService::vexaSessionPolicyRedirectAudioAuthorized, session, enable);
+}
+
+void DBusService::vexaSessionPolicyRedirectMicrophoneAuthorized(const int32_t& session, const bool& enable) {
     setRedirectPolicy("vexaSessionPolicyRedirectMicrophone", session, RedirectBit::Microphone, enable);
 }
 
-void DBusService::vexaSessionPolicyRedirectClipboard(const int32_t& session, const bool& client2server,
-                                                     const bool& server2client) {
+void DBusService::vexaSessionPolicyRedirectMicrophone(sdbus::Result<>&& result, int32_t session, bool enable) {
+    authorizedCall("vexaSessionPolicyRedirectMicrophone", std::move(result),
+                   &DBusService::vexaSessionPolicyRedirectMicrophoneAuthorized, session, enable);
+}
+
+void DBusService::vexaSessionPolicyRedirectClipboardAuthorized(const int32_t& session, const bool& client2server,
+                                                               const bool& server2client) {
     const char* method = "vexaSessionPolicyRedirectClipboard";
     boundary(method, [&] {
         info("%s: session id: %d, client2server: %s, server2client: %s", method, session, boolText(client2server),
@@ -90,11 +105,22 @@ void DBusService::vexaSessionPolicyRedirectClipboard(const int32_t& session, con
     });
 }
 
-void DBusService::vexaSessionPolicyRedirectClipboardFile(const int32_t& session, const bool& enable) {
+void DBusService::vexaSessionPolicyRedirectClipboard(sdbus::Result<>&& result, int32_t session, bool client2server,
+                                                     bool server2client) {
+    authorizedCall("vexaSessionPolicyRedirectClipboard", std::move(result),
+                   &DBusService::vexaSessionPolicyRedirectClipboardAuthorized, session, client2server, server2client);
+}
+
+void DBusService::vexaSessionPolicyRedirectClipboardFileAuthorized(const int32_t& session, const bool& enable) {
     setRedirectPolicy("vexaSessionPolicyRedirectClipboardFile", session, RedirectBit::ClipboardFile, enable);
 }
 
-void DBusService::vexaSessionPolicyRedirectClipboardLimit(const int32_t& session, const uint32_t& limit) {
+void DBusService::vexaSessionPolicyRedirectClipboardFile(sdbus::Result<>&& result, int32_t session, bool enable) {
+    authorizedCall("vexaSessionPolicyRedirectClipboardFile", std::move(result),
+                   &DBusService::vexaSessionPolicyRedirectClipboardFileAuthorized, session, enable);
+}
+
+void DBusService::vexaSessionPolicyRedirectClipboardLimitAuthorized(const int32_t& session, const uint32_t& limit) {
     const char* method = "vexaSessionPolicyRedirectClipboardLimit";
     boundary(method, [&] {
         info("%s: session id: %d, limit: %ubytes", method, session, limit);
@@ -104,50 +130,63 @@ void DBusService::vexaSessionPolicyRedirectClipboardLimit(const int32_t& session
     });
 }
 
-void DBusService::vexaSessionPolicyRedirectDrive(const int32_t& session, const bool& enable) {
+void DBusService::vexaSessionPolicyRedirectClipboardLimit(sdbus::Result<>&& result, int32_t session, uint32_t limit) {
+    authorizedCall("vexaSessionPolicyRedirectClipboardLimit", std::move(result),
+                   &DBusService::vexaSessionPolicyRedirectClipboardLimitAuthorized, session, limit);
+}
+
+void DBusService::vexaSessionPolicyRedirectDriveAuthorized(const int32_t& session, const bool& enable) {
     setRedirectPolicy("vexaSessionPolicyRedirectDrive", session, RedirectBit::Drive, enable);
 }
 
-void DBusService::vexaSessionPolicyRedirectSmartcard(const int32_t& session, const bool& enable) {
+void DBusService::vexaSessionPolicyRedirectDrive(sdbus::Result<>&& result, int32_t session, bool enable) {
+    authorizedCall("vexaSessionPolicyRedirectDrive", std::move(result),
+                   &DBusService::vexaSessionPolicyRedirectDriveAuthorized, session, enable);
+}
+
+void DBusService::vexaSessionPolicyRedirectSmartcardAuthorized(const int32_t& session, const bool& enable) {
     setRedirectPolicy("vexaSessionPolicyRedirectSmartcard", session, RedirectBit::Smartcard, enable);
 }
 
+void DBusService::vexaSessionPolicyRedirectSmartcard(sdbus::Result<>&& result, int32_t session, bool enable) {
+    authorizedCall("vexaSessionPolicyRedirectSmartcard", std::move(result),
+                   &DBusService::vexaSessionPolicyRedirectSmartcardAuthorized, session, enable);
+}
+
 bool DBusService::vexaPolicyRedirectPrinterDefault() {
-    return boundary("vexaPolicyRedirectPrinterDefault", false, [this] { return defaults().redirect.printer; });
+    return serve("vexaPolicyRedirectPrinterDefault", false, [this] { return defaults().redirect.printer; });
 }
 
 bool DBusService::vexaPolicyRedirectDriveDefault() {
-    return boundary("vexaPolicyRedirectDriveDefault", false, [this] { return defaults().redirect.drive; });
+    return serve("vexaPolicyRedirectDriveDefault", false, [this] { return defaults().redirect.drive; });
 }
 
 bool DBusService::vexaPolicyRedirectSmartcardDefault() {
-    return boundary("vexaPolicyRedirectSmartcardDefault", false, [this] { return defaults().redirect.smartcard; });
+    return serve("vexaPolicyRedirectSmartcardDefault", false, [this] { return defaults().redirect.smartcard; });
 }
 
 bool DBusService::vexaPolicyRedirectAudioDefault() {
-    return boundary("vexaPolicyRedirectAudioDefault", false, [this] { return defaults().redirect.audio; });
+    return serve("vexaPolicyRedirectAudioDefault", false, [this] { return defaults().redirect.audio; });
 }
 
 bool DBusService::vexaPolicyRedirectMicrophoneDefault() {
-    return boundary("vexaPolicyRedirectMicrophoneDefault", false, [this] { return defaults().redirect.microphone; });
+    return serve("vexaPolicyRedirectMicrophoneDefault", false, [this] { return defaults().redirect.microphone; });
 }
 
 uint32_t DBusService::vexaPolicyRedirectClipboardDefault() {
-    return boundary("vexaPolicyRedirectClipboardDefault", 0u,
-                    [this] { return clipboardPolicyWord(defaults().redirect); });
+    return serve("vexaPolicyRedirectClipboardDefault", 0u, [this] { return clipboardPolicyWord(defaults().redirect); });
 }
 
 bool DBusService::vexaPolicyRedirectClipboardFileDefault() {
-    return boundary("vexaPolicyRedirectClipboardFileDefault", false,
-                    [this] { return defaults().redirect.clipboardFile; });
+    return serve("vexaPolicyRedirectClipboardFileDefault", false, [this] { return defaults().redirect.clipboardFile; });
 }
 
 uint32_t DBusService::vexaPolicyRedirectClipboardLimitDefault() {
-    return boundary("vexaPolicyRedirectClipboardLimitDefault", 0u, [this] { return defaults().clipboardLimit; });
+    return serve("vexaPolicyRedirectClipboardLimitDefault", 0u, [this] { return defaults().clipboardLimit; });
 }
 
 uint64_t DBusService::vexaTransportDisplayPolicyRedirect(const uint32_t& display) {
-    return boundary("vexaTransportDisplayPolicyRedirect", uint64_t{0}, [&] {
+    return serve("vexaTransportDisplayPolicyRedirect", uint64_t{0}, [&] {
         info("%s: display id: %u", "vexaTransportDisplayPolicyRedirect", display);
         const auto found = findDisplaySession(display);
         if (!found) {
@@ -160,7 +199,7 @@ uint64_t DBusService::vexaTransportDisplayPolicyRedirect(const uint32_t& display
 }
 
 uint64_t DBusService::vexaTransportDisplayRdpKeepAlive(const uint32_t& display) {
-    return boundary("vexaTransportDisplayRdpKeepAlive", uint64_t{0}, [&] {
+    return serve("vexaTransportDisplayRdpKeepAlive", uint64_t{0}, [&] {
         info("%s: display id: %u", "vexaTransportDisplayRdpKeepAlive", display);
         const auto found = findDisplaySession(display);
         if (!found) {
@@ -171,8 +210,8 @@ uint64_t DBusService::vexaTransportDisplayRdpKeepAlive(const uint32_t& display) 
     });
 }
 
-void DBusService::vexaSessionPolicyRdpKeepAlive(const int32_t& session, const uint32_t& interval,
-                                                const uint32_t& failures) {
+void DBusService::vexaSessionPolicyRdpKeepAliveAuthorized(const int32_t& session, const uint32_t& interval,
+                                                          const uint32_t& failures) {
     const char* method = "vexaSessionPolicyRdpKeepAlive";
     boundary(method, [&] {
         // The line shows the interval only; "failures: u" is part of its text.
@@ -190,8 +229,14 @@ void DBusService::vexaSessionPolicyRdpKeepAlive(const int32_t& session, const ui
     });
 }
 
+void DBusService::vexaSessionPolicyRdpKeepAlive(sdbus::Result<>&& result, int32_t session, uint32_t interval,
+                                                uint32_t failures) {
+    authorizedCall("vexaSessionPolicyRdpKeepAlive", std::move(result),
+                   &DBusService::vexaSessionPolicyRdpKeepAliveAuthorized, session, interval, failures);
+}
+
 uint64_t DBusService::vexaPolicyRdpKeepAliveDefault() {
-    return boundary("vexaPolicyRdpKeepAliveDefault", uint64_t{0}, [this] {
+    return serve("vexaPolicyRdpKeepAliveDefault", uint64_t{0}, [this] {
         const auto current = defaults();
         return packPair(current.keepAliveFailures, current.keepAliveInterval);
     });

@@ -11,7 +11,7 @@ namespace Vexa {
 
 std::vector<sdbus::Struct<std::string, uint32_t>> DBusService::vexaSessions() {
     using Pairs = std::vector<sdbus::Struct<std::string, uint32_t>>;
-    return boundary("vexaSessions", Pairs(), [this] {
+    return serve("vexaSessions", Pairs(), [this] {
         return sessions.locked([](const SessionRegistry::Map& map) {
             Pairs pairs;
             pairs.reserve(map.size());
@@ -25,14 +25,15 @@ std::vector<sdbus::Struct<std::string, uint32_t>> DBusService::vexaSessions() {
 
 // The display geometry is not reported until the service has an X connection to a session's display.
 std::string DBusService::vexaSessionInfoJson(const uint32_t& session) {
-    return boundary("vexaSessionInfoJson", std::string("{}"), [this, session] {
+    return serve("vexaSessionInfoJson", std::string("{}"), [this, session] {
         debug("%s: session id: %d", "vexaSessionInfoJson", static_cast<int>(session));
-        auto json = sessions.locked([session](const SessionRegistry::Map& map) -> std::optional<std::string> {
+        const bool withNtlm = callerSeesSecrets();
+        auto json = sessions.locked([session, withNtlm](const SessionRegistry::Map& map) -> std::optional<std::string> {
             const auto found = map.find(session);
             if (found == map.end()) {
                 return std::nullopt;
             }
-            return sessionJson(*found->second, std::nullopt);
+            return sessionJson(*found->second, std::nullopt, withNtlm);
         });
         if (!json) {
             warning("%s: session not found: 0x%08x", "vexaSessionInfoJson", session);
@@ -43,16 +44,17 @@ std::string DBusService::vexaSessionInfoJson(const uint32_t& session) {
 }
 
 std::string DBusService::vexaUserInfoJson(const std::string& user) {
-    return boundary("vexaUserInfoJson", std::string("[]"), [this, &user] {
+    return serve("vexaUserInfoJson", std::string("[]"), [this, &user] {
         debug("%s: user: %s", "vexaUserInfoJson", user.c_str());
-        return sessions.locked([&user](const SessionRegistry::Map& map) {
+        const bool withNtlm = callerSeesSecrets();
+        return sessions.locked([&user, withNtlm](const SessionRegistry::Map& map) {
             std::string array = "[";
             for (const auto& [id, session] : map) {
                 if (session->user && session->user->name == user) {
                     if (array.size() > 1) {
                         array += ',';
                     }
-                    array += sessionJson(*session, std::nullopt);
+                    array += sessionJson(*session, std::nullopt, withNtlm);
                 }
             }
             return array + ']';
@@ -61,7 +63,7 @@ std::string DBusService::vexaUserInfoJson(const std::string& user) {
 }
 
 double DBusService::vexaLoadAverage() {
-    return boundary("vexaLoadAverage", 0.0, [] {
+    return serve("vexaLoadAverage", 0.0, [] {
         double one = 0;
         double five = 0;
         double fifteen = 0;
@@ -73,7 +75,7 @@ double DBusService::vexaLoadAverage() {
 }
 
 uint32_t DBusService::zabbixSessionsTotal() {
-    return boundary("zabbixSessionsTotal", 0u, [this] {
+    return serve("zabbixSessionsTotal", 0u, [this] {
         return sessions.locked([](const SessionRegistry::Map& map) {
             uint32_t count = 0;
             for (const auto& [id, session] : map) {
@@ -85,7 +87,7 @@ uint32_t DBusService::zabbixSessionsTotal() {
 }
 
 uint32_t DBusService::zabbixSessionsOnline() {
-    return boundary("zabbixSessionsOnline", 0u, [this] {
+    return serve("zabbixSessionsOnline", 0u, [this] {
         return sessions.locked([](const SessionRegistry::Map& map) {
             uint32_t count = 0;
             for (const auto& [id, session] : map) {
@@ -98,7 +100,7 @@ uint32_t DBusService::zabbixSessionsOnline() {
 
 // Every process of the session's user counts, also those of the user's other sessions.
 std::string DBusService::vexaSessionProcess(const uint32_t& session) {
-    return boundary("vexaSessionProcess", std::string(), [this, session] {
+    return serve("vexaSessionProcess", std::string(), [this, session] {
         const auto owner = sessions.locked([session](const SessionRegistry::Map& map) -> std::optional<uid_t> {
             const auto found = map.find(session);
             if (found == map.end() || !found->second->user || found->second->user->uid < 0) {
@@ -116,7 +118,7 @@ std::string DBusService::vexaSessionProcess(const uint32_t& session) {
 }
 
 std::string DBusService::vexaTransportDisplayDBusAddress(const uint32_t& display) {
-    return boundary("vexaTransportDisplayDBusAddress", std::string(), [this, display] {
+    return serve("vexaTransportDisplayDBusAddress", std::string(), [this, display] {
         const auto session = findDisplaySession(display);
         if (!session) {
             warning("%s: display not found: %u", "vexaTransportDisplayDBusAddress", display);

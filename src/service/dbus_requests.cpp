@@ -130,8 +130,8 @@ int32_t DBusService::requestAllowedSession(const StartSessionArgs& args, const s
     return static_cast<int32_t>(session->sid);
 }
 
-void DBusService::busSessionRequest(sdbus::Result<int32_t>&& result, std::string user, std::string pass, uint8_t depth,
-                                    uint16_t width, uint16_t height) {
+void DBusService::busSessionRequestAuthorized(sdbus::Result<int32_t>&& result, std::string user, std::string pass,
+                                              uint8_t depth, uint16_t width, uint16_t height) {
     const char* self = "busSessionRequest";
     answerAsync(self, std::move(result), requestFailed, [&](const ReplyPtr<int32_t>& reply) {
         notice("%s: user: %s, depth: %u, width: %u, height: %u", self, user.c_str(), depth, width, height);
@@ -144,8 +144,15 @@ void DBusService::busSessionRequest(sdbus::Result<int32_t>&& result, std::string
     });
 }
 
-void DBusService::busSessionDomainRequest(sdbus::Result<int32_t>&& result, std::string user, std::string domain,
-                                          std::string pass, uint8_t depth, uint16_t width, uint16_t height) {
+void DBusService::busSessionRequest(sdbus::Result<int32_t>&& result, std::string user, std::string pass, uint8_t depth,
+                                    uint16_t width, uint16_t height) {
+    authorizedCallOr("busSessionRequest", std::move(result), {requestFailed}, &DBusService::busSessionRequestAuthorized,
+                     std::move(user), std::move(pass), depth, width, height);
+}
+
+void DBusService::busSessionDomainRequestAuthorized(sdbus::Result<int32_t>&& result, std::string user,
+                                                    std::string domain, std::string pass, uint8_t depth, uint16_t width,
+                                                    uint16_t height) {
     const char* self = "busSessionDomainRequest";
     answerAsync(self, std::move(result), requestFailed, [&](const ReplyPtr<int32_t>& reply) {
         notice("%s: user: %s, domain: `%s', depth: %u, width: %u, height: %u", self, user.c_str(), domain.c_str(),
@@ -158,6 +165,13 @@ void DBusService::busSessionDomainRequest(sdbus::Result<int32_t>&& result, std::
             [this, args = std::move(args), caller] { return requestAllowedSession(args, caller); },
             throttleSlot(self, user, caller));
     });
+}
+
+void DBusService::busSessionDomainRequest(sdbus::Result<int32_t>&& result, std::string user, std::string domain,
+                                          std::string pass, uint8_t depth, uint16_t width, uint16_t height) {
+    authorizedCallOr("busSessionDomainRequest", std::move(result), {requestFailed},
+                     &DBusService::busSessionDomainRequestAuthorized, std::move(user), std::move(domain),
+                     std::move(pass), depth, width, height);
 }
 
 int32_t DBusService::finishSessionRequest(const StartSessionArgs& args, const SessionRequest& request,
@@ -196,7 +210,7 @@ int32_t DBusService::finishSessionRequest(const StartSessionArgs& args, const Se
     return static_cast<int32_t>(session->sid);
 }
 
-void DBusService::vexaSessionRequest(sdbus::Result<int32_t>&& result, std::string params) {
+void DBusService::vexaSessionRequestAuthorized(sdbus::Result<int32_t>&& result, std::string params) {
     const char* self = "vexaSessionRequest";
     answerAsync(self, std::move(result), requestFailed, [&](const ReplyPtr<int32_t>& reply) {
         // Parsing and the token check are quick: they run here, so their log lines keep their place.
@@ -251,8 +265,13 @@ void DBusService::vexaSessionRequest(sdbus::Result<int32_t>&& result, std::strin
     });
 }
 
-void DBusService::busProgramRequest(sdbus::Result<int32_t>&& result, std::string user, std::string domain,
-                                    std::string pass, uint16_t width, uint16_t height, std::string prog) {
+void DBusService::vexaSessionRequest(sdbus::Result<int32_t>&& result, std::string params) {
+    authorizedCallOr("vexaSessionRequest", std::move(result), {requestFailed},
+                     &DBusService::vexaSessionRequestAuthorized, std::move(params));
+}
+
+void DBusService::busProgramRequestAuthorized(sdbus::Result<int32_t>&& result, std::string user, std::string domain,
+                                              std::string pass, uint16_t width, uint16_t height, std::string prog) {
     const char* self = "busProgramRequest";
     answerAsync(self, std::move(result), requestFailed, [&](const ReplyPtr<int32_t>& reply) {
         notice("%s: user: %s, domain: `%s', width: %u, height: %u, program: `%s'", self, user.c_str(), domain.c_str(),
@@ -277,7 +296,14 @@ void DBusService::busProgramRequest(sdbus::Result<int32_t>&& result, std::string
     });
 }
 
-void DBusService::vexaLogin(sdbus::Result<bool>&& result, std::string user, std::string domain, std::string pass) {
+void DBusService::busProgramRequest(sdbus::Result<int32_t>&& result, std::string user, std::string domain,
+                                    std::string pass, uint16_t width, uint16_t height, std::string prog) {
+    authorizedCallOr("busProgramRequest", std::move(result), {requestFailed}, &DBusService::busProgramRequestAuthorized,
+                     std::move(user), std::move(domain), std::move(pass), width, height, std::move(prog));
+}
+
+void DBusService::vexaLoginAuthorized(sdbus::Result<bool>&& result, std::string user, std::string domain,
+                                      std::string pass) {
     const char* self = "vexaLogin";
     answerAsync(self, std::move(result), false, [&](const ReplyPtr<bool>& reply) {
         notice("%s: user: %s, domain: `%s'", self, user.c_str(), domain.c_str());
@@ -294,8 +320,13 @@ void DBusService::vexaLogin(sdbus::Result<bool>&& result, std::string user, std:
     });
 }
 
-void DBusService::vexaTestConnect(sdbus::Result<bool>&& result, std::string user, std::string domain,
-                                  std::string pass) {
+void DBusService::vexaLogin(sdbus::Result<bool>&& result, std::string user, std::string domain, std::string pass) {
+    authorizedCall("vexaLogin", std::move(result), &DBusService::vexaLoginAuthorized, std::move(user),
+                   std::move(domain), std::move(pass));
+}
+
+void DBusService::vexaTestConnectAuthorized(sdbus::Result<bool>&& result, std::string user, std::string domain,
+                                            std::string pass) {
     const char* self = "vexaTestConnect";
     answerAsync(self, std::move(result), false, [&](const ReplyPtr<bool>& reply) {
         notice("%s: user: %s, domain: `%s'", self, user.c_str(), domain.c_str());
@@ -305,8 +336,14 @@ void DBusService::vexaTestConnect(sdbus::Result<bool>&& result, std::string user
     });
 }
 
-void DBusService::vexaLoginHelperStart(sdbus::Result<sdbus::Struct<int32_t, std::string>>&& result, std::string user,
-                                       int32_t transportPid) {
+void DBusService::vexaTestConnect(sdbus::Result<bool>&& result, std::string user, std::string domain,
+                                  std::string pass) {
+    authorizedCall("vexaTestConnect", std::move(result), &DBusService::vexaTestConnectAuthorized, std::move(user),
+                   std::move(domain), std::move(pass));
+}
+
+void DBusService::vexaLoginHelperStartAuthorized(sdbus::Result<sdbus::Struct<int32_t, std::string>>&& result,
+                                                 std::string user, int32_t transportPid) {
     using Display = sdbus::Struct<int32_t, std::string>;
     const char* self = "vexaLoginHelperStart";
     const Display failed(-1, std::string());
@@ -328,8 +365,14 @@ void DBusService::vexaLoginHelperStart(sdbus::Result<sdbus::Struct<int32_t, std:
     });
 }
 
+void DBusService::vexaLoginHelperStart(sdbus::Result<sdbus::Struct<int32_t, std::string>>&& result, std::string user,
+                                       int32_t transportPid) {
+    authorizedCallOr("vexaLoginHelperStart", std::move(result), {{-1, std::string()}},
+                     &DBusService::vexaLoginHelperStartAuthorized, std::move(user), transportPid);
+}
+
 std::string DBusService::vexaLoginHelperStarted(const int32_t& transportPid) {
-    return boundary("vexaLoginHelperStarted", std::string(), [&] {
+    return serve("vexaLoginHelperStarted", std::string(), [&] {
         info("%s: transport pid: %d", "vexaLoginHelperStarted", transportPid);
         const std::list<std::string> helperArgs{"--transport", std::to_string(transportPid)};
         return sessions.locked([&](const SessionRegistry::Map& map) {
@@ -345,7 +388,7 @@ std::string DBusService::vexaLoginHelperStarted(const int32_t& transportPid) {
 
 void DBusService::vexaLoginHelperAllowConnectForTransportTo(const int32_t& transportPid, const int32_t& x11Display,
                                                             const std::string& xauthFile) {
-    boundary("vexaLoginHelperAllowConnectForTransportTo", [&] {
+    serve("vexaLoginHelperAllowConnectForTransportTo", [&] {
         info("%s: transport pid: %d, display: %d, xauthfile: `%s'", "vexaLoginHelperAllowConnectForTransportTo",
              transportPid, x11Display, xauthFile.c_str());
         startWorker([this, transportPid, x11Display, xauthFile] {
@@ -356,15 +399,15 @@ void DBusService::vexaLoginHelperAllowConnectForTransportTo(const int32_t& trans
 }
 
 bool DBusService::vexaTransportPolicyShowLoginHelper() {
-    return boundary("vexaTransportPolicyShowLoginHelper", false, [this] { return defaults().loginHelper; });
+    return serve("vexaTransportPolicyShowLoginHelper", false, [this] { return defaults().loginHelper; });
 }
 
 bool DBusService::vexaLoginHelperPolicyShowSessions() {
-    return boundary("vexaLoginHelperPolicyShowSessions", false, [this] { return defaults().loginSessions; });
+    return serve("vexaLoginHelperPolicyShowSessions", false, [this] { return defaults().loginSessions; });
 }
 
 bool DBusService::vexaLoginHelperPolicyShowKeyboard() {
-    return boundary("vexaLoginHelperPolicyShowKeyboard", false, [this] { return defaults().loginKeyboard; });
+    return serve("vexaLoginHelperPolicyShowKeyboard", false, [this] { return defaults().loginKeyboard; });
 }
 
 } // namespace Vexa

@@ -172,6 +172,7 @@ void DBusService::applyDefaults(const ServiceDefaults& next) {
     throttle.configure(ThrottleSettings{next.throttleFailures, std::chrono::seconds(next.throttleDelay),
                                         std::chrono::seconds(next.throttleDelayMax),
                                         std::chrono::seconds(next.throttleForget)});
+    requestLimiter.configure(Access::RateSettings{next.requestsInFlight, next.requestsPerMinute});
     std::lock_guard guard(defaultsLock);
     serviceDefaults = next;
 }
@@ -266,6 +267,7 @@ void DBusService::watcherLoop() {
     sd_notify(0, "STOPPING=1");
     emitSignal("signalVexaStopped", [this] { emitSignalVexaStopped(); });
     // Starts under way end now (their waits see the stop); every call still queued is answered.
+    authPool.stop();
     startPool.stop();
     sleepFor(250ms);
     loop.exit();

@@ -12,7 +12,9 @@
 #include <functional>
 #include <future>
 #include <optional>
+#include <tuple>
 #include <type_traits>
+#include <unordered_map>
 #include <utility>
 #include <chrono>
 #include <exception>
@@ -25,6 +27,8 @@
 #include <sdbus-c++/sdbus-c++.h>
 #include <vexa_adaptor.h>
 
+#include "access/rate_limit.h"
+#include "access/roles.h"
 #include "auth/admission.h"
 #include "auth/auth_throttle.h"
 #include "common/json_config.h"
@@ -32,6 +36,7 @@
 #include "common/work_pool.h"
 #include "event_loop.h"
 #include "limits/resource_limits.h"
+#include "polkit.h"
 #include "programs/program_list.h"
 #include "session/child_table.h"
 #include "session/redirect_policy.h"
@@ -251,10 +256,14 @@ private:
                 return false;
             }
             result.returnResults(values...);
+            held.reset();
             return true;
         }
+        // Kept until the reply went (a session request's place in the caller's rate limit).
+        void hold(std::shared_ptr<void> value) { held = std::move(value); }
 
     private:
+        std::shared_ptr<void> held;
         sdbus::Result<Values...> result;
         std::atomic<bool> sent{false};
     };
@@ -268,6 +277,7 @@ private:
         ReplyPtr<Value> reply;
         try {
             reply = std::make_shared<PendingReply<Value>>(std::move(result));
+            reply->hold(std::move(requestTicket));
             std::forward<Body>(body)(reply);
         } catch (const std::exception& err) {
             error("%s: exception: %s", method, err.what());
@@ -340,15 +350,115 @@ private:
         });
     }
 
+    // Who may call what (dbus_access.cpp). Every operation first asks admitCall (through serve for the
+    // operations answered at once, through authorizedCall for those answered later), on the D-Bus thread, before
+    // it does anything.
+    // The caller of a connection, from the bus's credentials of it, which never change while it lasts: kept per
+    // unique name (`callers`, D-Bus thread only).
+    struct CallerInfo {
+        uid_t uid = static_cast<uid_t>(-1);
+        pid_t pid = -1;
+        Access::Roles roles = 0;
+        std::chrono::steady_clock::time_point seen;
+    };
+    struct CallVerdict {
+        Access::Decision decision = Access::Decision::Refused;
+        std::string caller; // unique bus name
+        CallerInfo info;
+        const Access::MethodGroup* group = nullptr;
+    };
+    // The table's verdict on the call being dispatched (D-Bus thread only); refusals are logged with the caller's
+    // uid, pid and the method. Session requests of a caller that is not root also pass the rate limits here.
+    CallVerdict admitCall(const char* method);
+    // Whether the caller of the call being dispatched may see NT hashes: root and the transport role.
+    bool callerSeesSecrets();
+    // Runs `run` at once when the verdict allows it, on the authorization worker once polkit granted the group's
+    // action, or `refuse` (which answers the failure value).
+    void dispatchAuthorized(const char* method, const std::function<void()>& run,
+                            const std::function<void()>& refuse) noexcept;
+    bool polkitGrants(const char* method, const CallVerdict& verdict);
+
+    // The boundary of an operation answered at once: refused calls get `failure`.
+    template <typename Result, typename Work>
+    Result serve(const char* method, Result failure, Work&& work) noexcept {
+        const auto verdict = admitCall(method);
+        if (verdict.decision != Access::Decision::Allowed) {
+            if (verdict.decision == Access::Decision::AskPolkit) {
+                error("%s: %s", method, "polkit check needs an asynchronous operation, refused");
+            }
+            return failure;
+        }
+        return boundary(method, failure, std::forward<Work>(work));
+    }
+    template <typename Work>
+    void serve(const char* method, Work&& work) noexcept {
+        serve(method, true, [&work] {
+            std::forward<Work>(work)();
+            return true;
+        });
+    }
+    // An operation answered later: `operation` (a member taking the arguments, and the call's result first when
+    // it answers on its own) runs once the caller is admitted; a refused call is answered with value-initialized
+    // values (false, 0, empty), the interface's failure values of these methods.
+    template <typename Operation, typename... Values, typename... Args>
+    void authorizedCall(const char* method, sdbus::Result<Values...>&& result, Operation operation,
+                        Args&&... args) noexcept {
+        authorizedCallOr(method, std::move(result), std::tuple<Values...>{}, operation, std::forward<Args>(args)...);
+    }
+    // The same with the failure values given (a session request's -4, the login helper's (-1, "")).
+    template <typename Operation, typename... Values, typename... Args>
+    void authorizedCallOr(const char* method, sdbus::Result<Values...>&& result,
+                          std::type_identity_t<std::tuple<Values...>> failure, Operation operation,
+                          Args&&... args) noexcept {
+        try {
+            auto reply = std::make_shared<sdbus::Result<Values...>>(std::move(result));
+            auto values = std::make_shared<std::tuple<std::decay_t<Args>...>>(std::forward<Args>(args)...);
+            auto run = [this, method, reply, values, operation] {
+                std::apply(
+                    [&](auto&... arg) {
+                        if constexpr (std::is_invocable_v<Operation, DBusService*, sdbus::Result<Values...>&&,
+                                                          decltype(arg)...>) {
+                            std::invoke(operation, this, std::move(*reply), arg...);
+                        } else if constexpr (sizeof...(Values) == 0) {
+                            std::invoke(operation, this, arg...);
+                            answerNow(method, *reply);
+                        } else {
+                            answerNow(method, *reply, std::invoke(operation, this, arg...));
+                        }
+                    },
+                    *values);
+            };
+            auto refuse = [this, method, reply, failure = std::move(failure)] {
+                std::apply([&](const auto&... value) { answerNow(method, *reply, value...); }, failure);
+            };
+            dispatchAuthorized(method, run, refuse);
+        } catch (const std::exception& err) {
+            error("%s: exception: %s", method, err.what());
+        }
+    }
+    template <typename... Values>
+    void answerNow(const char* method, sdbus::Result<Values...>& reply,
+                   const std::type_identity_t<Values>&... values) noexcept {
+        try {
+            reply.returnResults(values...);
+        } catch (const std::exception& err) {
+            error("%s: exception: %s", method, err.what());
+        }
+        loop.wake();
+    }
+
     // D-Bus operations, by subsystem.
     // Service core (dbus_core.cpp)
     void busServiceShutdown() override;
-    void busSetDebugLevel(const std::string& value) override;
+    void busSetDebugLevel(sdbus::Result<>&& result, std::string value) override;
+    void busSetDebugLevelAuthorized(const std::string& value);
     bool vexaStatus() override;
     std::string vexaTest() override;
     uint32_t vexaApiVersion() override;
-    void vexaSessionsLimit(const uint32_t& limit) override;
-    void vexaUsersLimit(const uint32_t& limit) override;
+    void vexaSessionsLimit(sdbus::Result<>&& result, uint32_t limit) override;
+    void vexaSessionsLimitAuthorized(const uint32_t& limit);
+    void vexaUsersLimit(sdbus::Result<>&& result, uint32_t limit) override;
+    void vexaUsersLimitAuthorized(const uint32_t& limit);
 
     // Session reports (dbus_reports.cpp)
     std::vector<sdbus::Struct<std::string, uint32_t>> vexaSessions() override;
@@ -364,15 +474,27 @@ private:
     // These wait (PAM, a session start): answered from a start worker.
     void busSessionRequest(sdbus::Result<int32_t>&& result, std::string user, std::string pass, uint8_t depth,
                            uint16_t width, uint16_t height) override;
+    void busSessionRequestAuthorized(sdbus::Result<int32_t>&& result, std::string user, std::string pass, uint8_t depth,
+                                     uint16_t width, uint16_t height);
     void busSessionDomainRequest(sdbus::Result<int32_t>&& result, std::string user, std::string domain,
                                  std::string pass, uint8_t depth, uint16_t width, uint16_t height) override;
+    void busSessionDomainRequestAuthorized(sdbus::Result<int32_t>&& result, std::string user, std::string domain,
+                                           std::string pass, uint8_t depth, uint16_t width, uint16_t height);
     void vexaSessionRequest(sdbus::Result<int32_t>&& result, std::string params) override;
+    void vexaSessionRequestAuthorized(sdbus::Result<int32_t>&& result, std::string params);
     void busProgramRequest(sdbus::Result<int32_t>&& result, std::string user, std::string domain, std::string pass,
                            uint16_t width, uint16_t height, std::string prog) override;
+    void busProgramRequestAuthorized(sdbus::Result<int32_t>&& result, std::string user, std::string domain,
+                                     std::string pass, uint16_t width, uint16_t height, std::string prog);
     void vexaLogin(sdbus::Result<bool>&& result, std::string user, std::string domain, std::string pass) override;
+    void vexaLoginAuthorized(sdbus::Result<bool>&& result, std::string user, std::string domain, std::string pass);
     void vexaTestConnect(sdbus::Result<bool>&& result, std::string user, std::string domain, std::string pass) override;
+    void vexaTestConnectAuthorized(sdbus::Result<bool>&& result, std::string user, std::string domain,
+                                   std::string pass);
     void vexaLoginHelperStart(sdbus::Result<sdbus::Struct<int32_t, std::string>>&& result, std::string user,
                               int32_t transportPid) override;
+    void vexaLoginHelperStartAuthorized(sdbus::Result<sdbus::Struct<int32_t, std::string>>&& result, std::string user,
+                                        int32_t transportPid);
     std::string vexaLoginHelperStarted(const int32_t& transportPid) override;
     void vexaLoginHelperAllowConnectForTransportTo(const int32_t& transportPid, const int32_t& x11Display,
                                                    const std::string& xauthFile) override;
@@ -381,9 +503,12 @@ private:
     bool vexaLoginHelperPolicyShowKeyboard() override;
 
     // Session shutdown and disconnect (dbus_shutdown.cpp)
-    bool busSessionShutdown(const std::string& username) override;
-    bool vexaSessionShutdown(const uint32_t& session) override;
-    bool vexaDisconnect(const uint32_t& session) override;
+    void busSessionShutdown(sdbus::Result<bool>&& result, std::string username) override;
+    bool busSessionShutdownAuthorized(const std::string& username);
+    void vexaSessionShutdown(sdbus::Result<bool>&& result, uint32_t session) override;
+    bool vexaSessionShutdownAuthorized(const uint32_t& session);
+    void vexaDisconnect(sdbus::Result<bool>&& result, uint32_t session) override;
+    bool vexaDisconnectAuthorized(const uint32_t& session);
     void vexaTransportDisplayShutdown(const uint32_t& display) override;
 
     // Connection policy, proxy and transports (dbus_connect.cpp)
@@ -391,35 +516,51 @@ private:
     void proxyClientConnected(const uint32_t& session, const std::string& ipaddr) override;
     void proxyListenTimeout(const uint32_t& timeout) override;
     void proxySessionConnected(sdbus::Result<>&& result, uint32_t session, uint32_t pid, std::string ipaddr) override;
+    void proxySessionConnectedAuthorized(sdbus::Result<>&& result, uint32_t session, uint32_t pid, std::string ipaddr);
     bool vexaConnectRdpTransport(const uint32_t& session, const uint32_t& timeout) override;
     bool vexaCheckProxyListen() override;
-    void vexaSessionPolicyConnect(const int32_t& session, const uint32_t& policy) override;
+    void vexaSessionPolicyConnect(sdbus::Result<>&& result, int32_t session, uint32_t policy) override;
+    void vexaSessionPolicyConnectAuthorized(const int32_t& session, const uint32_t& policy);
     uint32_t vexaPolicyConnectDefault() override;
     uint32_t vexaTransportDisplayInactivity(const uint32_t& display) override;
     void vexaTransportDisplayInactivityEvent(const uint32_t& display) override;
 
     // Time limits (dbus_timeouts.cpp)
-    void vexaSessionDurationLimit(const int32_t& session, const uint32_t& countsec) override;
-    void vexaSessionInactivityLimit(const int32_t& session, const uint32_t& countsec) override;
-    void vexaSessionDisconnectLimit(const int32_t& session, const uint32_t& countsec) override;
-    void vexaSessionSeamlessLimit(const int32_t& session, const uint32_t& countsec) override;
+    void vexaSessionDurationLimit(sdbus::Result<>&& result, int32_t session, uint32_t countsec) override;
+    void vexaSessionDurationLimitAuthorized(const int32_t& session, const uint32_t& countsec);
+    void vexaSessionInactivityLimit(sdbus::Result<>&& result, int32_t session, uint32_t countsec) override;
+    void vexaSessionInactivityLimitAuthorized(const int32_t& session, const uint32_t& countsec);
+    void vexaSessionDisconnectLimit(sdbus::Result<>&& result, int32_t session, uint32_t countsec) override;
+    void vexaSessionDisconnectLimitAuthorized(const int32_t& session, const uint32_t& countsec);
+    void vexaSessionSeamlessLimit(sdbus::Result<>&& result, int32_t session, uint32_t countsec) override;
+    void vexaSessionSeamlessLimitAuthorized(const int32_t& session, const uint32_t& countsec);
     uint32_t vexaSeamlessTimeoutDefault() override;
     uint32_t vexaDurationTimeoutDefault() override;
     uint32_t vexaInactivityTimeoutDefault() override;
     uint32_t vexaDisconnectTimeoutDefault() override;
-    void vexaUserSessionsCheckTimeouts(const std::string& username, const bool& check) override;
+    void vexaUserSessionsCheckTimeouts(sdbus::Result<>&& result, std::string username, bool check) override;
+    void vexaUserSessionsCheckTimeoutsAuthorized(const std::string& username, const bool& check);
 
     // Redirect and transport policies (dbus_redirect.cpp)
     void vexaRdpSecurityPolicy(const uint32_t& session, const bool& nla, const bool& tls, const bool& rdp) override;
-    void vexaSessionPolicyRedirectPrinter(const int32_t& session, const bool& enable) override;
-    void vexaSessionPolicyRedirectAudio(const int32_t& session, const bool& enable) override;
-    void vexaSessionPolicyRedirectMicrophone(const int32_t& session, const bool& enable) override;
-    void vexaSessionPolicyRedirectClipboard(const int32_t& session, const bool& client2server,
-                                            const bool& server2client) override;
-    void vexaSessionPolicyRedirectClipboardFile(const int32_t& session, const bool& enable) override;
-    void vexaSessionPolicyRedirectClipboardLimit(const int32_t& session, const uint32_t& limit) override;
-    void vexaSessionPolicyRedirectDrive(const int32_t& session, const bool& enable) override;
-    void vexaSessionPolicyRedirectSmartcard(const int32_t& session, const bool& enable) override;
+    void vexaSessionPolicyRedirectPrinter(sdbus::Result<>&& result, int32_t session, bool enable) override;
+    void vexaSessionPolicyRedirectPrinterAuthorized(const int32_t& session, const bool& enable);
+    void vexaSessionPolicyRedirectAudio(sdbus::Result<>&& result, int32_t session, bool enable) override;
+    void vexaSessionPolicyRedirectAudioAuthorized(const int32_t& session, const bool& enable);
+    void vexaSessionPolicyRedirectMicrophone(sdbus::Result<>&& result, int32_t session, bool enable) override;
+    void vexaSessionPolicyRedirectMicrophoneAuthorized(const int32_t& session, const bool& enable);
+    void vexaSessionPolicyRedirectClipboard(sdbus::Result<>&& result, int32_t session, bool client2server,
+                                            bool server2client) override;
+    void vexaSessionPolicyRedirectClipboardAuthorized(const int32_t& session, const bool& client2server,
+                                                      const bool& server2client);
+    void vexaSessionPolicyRedirectClipboardFile(sdbus::Result<>&& result, int32_t session, bool enable) override;
+    void vexaSessionPolicyRedirectClipboardFileAuthorized(const int32_t& session, const bool& enable);
+    void vexaSessionPolicyRedirectClipboardLimit(sdbus::Result<>&& result, int32_t session, uint32_t limit) override;
+    void vexaSessionPolicyRedirectClipboardLimitAuthorized(const int32_t& session, const uint32_t& limit);
+    void vexaSessionPolicyRedirectDrive(sdbus::Result<>&& result, int32_t session, bool enable) override;
+    void vexaSessionPolicyRedirectDriveAuthorized(const int32_t& session, const bool& enable);
+    void vexaSessionPolicyRedirectSmartcard(sdbus::Result<>&& result, int32_t session, bool enable) override;
+    void vexaSessionPolicyRedirectSmartcardAuthorized(const int32_t& session, const bool& enable);
     bool vexaPolicyRedirectPrinterDefault() override;
     bool vexaPolicyRedirectDriveDefault() override;
     bool vexaPolicyRedirectSmartcardDefault() override;
@@ -430,38 +571,59 @@ private:
     uint32_t vexaPolicyRedirectClipboardLimitDefault() override;
     uint64_t vexaTransportDisplayPolicyRedirect(const uint32_t& display) override;
     uint64_t vexaTransportDisplayRdpKeepAlive(const uint32_t& display) override;
-    void vexaSessionPolicyRdpKeepAlive(const int32_t& session, const uint32_t& interval,
-                                       const uint32_t& failures) override;
+    void vexaSessionPolicyRdpKeepAlive(sdbus::Result<>&& result, int32_t session, uint32_t interval,
+                                       uint32_t failures) override;
+    void vexaSessionPolicyRdpKeepAliveAuthorized(const int32_t& session, const uint32_t& interval,
+                                                 const uint32_t& failures);
     uint64_t vexaPolicyRdpKeepAliveDefault() override;
 
     // Resource limits and freeze (dbus_limits.cpp)
     uint32_t vexaCpuWeightDefault() override;
     void vexaSessionLimitCpuWeight(sdbus::Result<>&& result, int32_t session, uint32_t weight) override;
+    void vexaSessionLimitCpuWeightAuthorized(sdbus::Result<>&& result, int32_t session, uint32_t weight);
     void vexaUserLimitCpuWeight(sdbus::Result<>&& result, std::string login, uint32_t weight) override;
+    void vexaUserLimitCpuWeightAuthorized(sdbus::Result<>&& result, const std::string& login, uint32_t weight);
     uint32_t vexaCpuQuotaDefault() override;
     void vexaSessionLimitCpuQuota(sdbus::Result<>&& result, int32_t session, uint32_t quota) override;
+    void vexaSessionLimitCpuQuotaAuthorized(sdbus::Result<>&& result, int32_t session, uint32_t quota);
     void vexaUserLimitCpuQuota(sdbus::Result<>&& result, std::string login, uint32_t quota) override;
+    void vexaUserLimitCpuQuotaAuthorized(sdbus::Result<>&& result, const std::string& login, uint32_t quota);
     std::string vexaMemoryHighDefault() override;
     void vexaSessionLimitMemoryHigh(sdbus::Result<>&& result, int32_t session, std::string memory) override;
+    void vexaSessionLimitMemoryHighAuthorized(sdbus::Result<>&& result, int32_t session, const std::string& memory);
     void vexaUserLimitMemoryHigh(sdbus::Result<>&& result, std::string login, std::string memory) override;
+    void vexaUserLimitMemoryHighAuthorized(sdbus::Result<>&& result, const std::string& login,
+                                           const std::string& memory);
     std::string vexaMemoryMaxDefault() override;
     void vexaSessionLimitMemoryMax(sdbus::Result<>&& result, int32_t session, std::string memory) override;
+    void vexaSessionLimitMemoryMaxAuthorized(sdbus::Result<>&& result, int32_t session, const std::string& memory);
     void vexaUserLimitMemoryMax(sdbus::Result<>&& result, std::string login, std::string memory) override;
+    void vexaUserLimitMemoryMaxAuthorized(sdbus::Result<>&& result, const std::string& login,
+                                          const std::string& memory);
     uint32_t vexaTasksMaxDefault() override;
     void vexaSessionLimitTasksMax(sdbus::Result<>&& result, int32_t session, uint32_t tasks) override;
+    void vexaSessionLimitTasksMaxAuthorized(sdbus::Result<>&& result, int32_t session, uint32_t tasks);
     void vexaUserLimitTasksMax(sdbus::Result<>&& result, std::string login, uint32_t tasks) override;
+    void vexaUserLimitTasksMaxAuthorized(sdbus::Result<>&& result, const std::string& login, uint32_t tasks);
     std::string vexaNetworkDenyDefault() override;
     void vexaSessionNetworkDeny(sdbus::Result<>&& result, int32_t session, std::string rules) override;
+    void vexaSessionNetworkDenyAuthorized(sdbus::Result<>&& result, int32_t session, const std::string& rules);
     void vexaUserNetworkDeny(sdbus::Result<>&& result, std::string login, std::string rules) override;
+    void vexaUserNetworkDenyAuthorized(sdbus::Result<>&& result, const std::string& login, const std::string& rules);
     std::string vexaNetworkAllowDefault() override;
     void vexaSessionNetworkAllow(sdbus::Result<>&& result, int32_t session, std::string rules) override;
+    void vexaSessionNetworkAllowAuthorized(sdbus::Result<>&& result, int32_t session, const std::string& rules);
     void vexaUserNetworkAllow(sdbus::Result<>&& result, std::string login, std::string rules) override;
+    void vexaUserNetworkAllowAuthorized(sdbus::Result<>&& result, const std::string& login, const std::string& rules);
     bool vexaSessionDisconnectedFreezeDefault() override;
-    void vexaSessionDisconnectedFreeze(const int32_t& session, const bool& val) override;
+    void vexaSessionDisconnectedFreeze(sdbus::Result<>&& result, int32_t session, bool val) override;
+    void vexaSessionDisconnectedFreezeAuthorized(const int32_t& session, const bool& val);
 
     // Credentials (dbus_auth.cpp)
     void vexaCheckAuthUser(sdbus::Result<bool>&& result, std::string user, std::string pass,
                            std::string service) override;
+    void vexaCheckAuthUserAuthorized(sdbus::Result<bool>&& result, std::string user, std::string pass,
+                                     std::string service);
     bool vexaCheckAuthCertificate(const std::string& pemcert) override;
 
     // Published programs (dbus_programs.cpp)
@@ -471,7 +633,10 @@ private:
     // Notifications and remote assistance (dbus_extras.cpp)
     void vexaSendNotify(sdbus::Result<bool>&& result, uint32_t session, std::string header, std::string message,
                         uint8_t level) override;
+    void vexaSendNotifyAuthorized(sdbus::Result<bool>&& result, uint32_t session, std::string header,
+                                  std::string message, uint8_t level);
     void vexaSessionRemoteAssistance(sdbus::Result<bool>&& result, uint32_t session, bool start) override;
+    void vexaSessionRemoteAssistanceAuthorized(sdbus::Result<bool>&& result, uint32_t session, bool start);
     // The work of the two above, on a worker: the notification helper started in the session (false for an
     // unknown session); the remote-assistance program started (false), found running (true) or stopped (true).
     bool sendNotify(uint32_t session, const std::string& header, const std::string& message, uint8_t level);
@@ -481,12 +646,19 @@ private:
 
     // Display geometry (dbus_display.cpp); answered from a start worker once the X server reports the new size.
     void vexaSessionGeometry(sdbus::Result<>&& result, uint32_t session, uint16_t width, uint16_t height) override;
+    void vexaSessionGeometryAuthorized(sdbus::Result<>&& result, uint32_t session, uint16_t width, uint16_t height);
     void vexaDisplayResize(sdbus::Result<bool>&& result, uint32_t display, uint16_t width, uint16_t height) override;
+    void vexaDisplayResizeAuthorized(sdbus::Result<bool>&& result, uint32_t display, uint16_t width, uint16_t height);
     void
     vexaTransportDisplayMonitorsChanged(sdbus::Result<bool>&& result, uint32_t display,
                                         std::vector<sdbus::Struct<uint32_t, int32_t, int32_t, uint32_t, uint32_t,
                                                                   uint32_t, uint32_t, uint32_t, uint32_t, uint32_t>>
                                             monitors) override;
+    void vexaTransportDisplayMonitorsChangedAuthorized(
+        sdbus::Result<bool>&& result, uint32_t display,
+        std::vector<sdbus::Struct<uint32_t, int32_t, int32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t,
+                                  uint32_t, uint32_t>>
+            monitors);
     // One monitor of that size, or nullopt (logged) when the size is refused (xcb/layout.h).
     std::optional<Xcb::Layout> requestedLayout(const char* method, uint32_t width, uint32_t height) const;
     // Brings the session's display to the layout and waits until its X server reports the new size (blocks: a
@@ -537,6 +709,16 @@ private:
     // Short jobs off the bus thread and the watcher (announcing a new or an ended session, the limits file,
     // signals): a few threads for however many sessions come and go at once.
     WorkPool backgroundPool{"backgroundWorker", 4};
+
+    std::unordered_map<std::string, CallerInfo> callers; // D-Bus thread only
+    PolkitAuthority polkit;
+    Access::RateLimiter requestLimiter; // thread-safe
+    // The rate-limit place of the session request being dispatched, handed to its pending reply; set only on the
+    // D-Bus thread, so a worker's copy is always empty.
+    static inline thread_local std::shared_ptr<void> requestTicket;
+    // Polkit checks and the operations they let through: one worker, so that an administrator's calls run in the
+    // order they came. Stopped first by the stop sequence: what it runs may still queue work on the other pools.
+    WorkPool authPool{"authWorker", 1};
 };
 
 } // namespace Vexa

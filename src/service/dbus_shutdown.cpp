@@ -5,7 +5,7 @@
 
 namespace Vexa {
 
-bool DBusService::busSessionShutdown(const std::string& username) {
+bool DBusService::busSessionShutdownAuthorized(const std::string& username) {
     return boundary("busSessionShutdown", false, [&] {
         const char* self = "busSessionShutdown";
         notice("%s: username: %s", self, username.c_str());
@@ -29,7 +29,12 @@ bool DBusService::busSessionShutdown(const std::string& username) {
     });
 }
 
-bool DBusService::vexaSessionShutdown(const uint32_t& id) {
+void DBusService::busSessionShutdown(sdbus::Result<bool>&& result, std::string username) {
+    authorizedCall("busSessionShutdown", std::move(result), &DBusService::busSessionShutdownAuthorized,
+                   std::move(username));
+}
+
+bool DBusService::vexaSessionShutdownAuthorized(const uint32_t& id) {
     return boundary("vexaSessionShutdown", false, [&] {
         const char* self = "vexaSessionShutdown";
         notice("%s: session id: %u", self, id);
@@ -48,6 +53,10 @@ bool DBusService::vexaSessionShutdown(const uint32_t& id) {
     });
 }
 
+void DBusService::vexaSessionShutdown(sdbus::Result<bool>&& result, uint32_t session) {
+    authorizedCall("vexaSessionShutdown", std::move(result), &DBusService::vexaSessionShutdownAuthorized, session);
+}
+
 bool DBusService::disconnectTransports(const SessionPtr& session) {
     return sessions.locked([&session](SessionRegistry::Map&) {
         if (!session->haveActiveConnects()) {
@@ -59,7 +68,7 @@ bool DBusService::disconnectTransports(const SessionPtr& session) {
     });
 }
 
-bool DBusService::vexaDisconnect(const uint32_t& id) {
+bool DBusService::vexaDisconnectAuthorized(const uint32_t& id) {
     return boundary("vexaDisconnect", false, [&] {
         notice("%s: session id: %u", "vexaDisconnect", id);
         const auto session = findSession(id);
@@ -71,8 +80,12 @@ bool DBusService::vexaDisconnect(const uint32_t& id) {
     });
 }
 
+void DBusService::vexaDisconnect(sdbus::Result<bool>&& result, uint32_t session) {
+    authorizedCall("vexaDisconnect", std::move(result), &DBusService::vexaDisconnectAuthorized, session);
+}
+
 void DBusService::vexaTransportDisplayShutdown(const uint32_t& display) {
-    boundary("vexaTransportDisplayShutdown", [&] {
+    serve("vexaTransportDisplayShutdown", [&] {
         debug("%s: display id: %u", "vexaTransportDisplayShutdown", display);
         const auto session = findDisplaySession(display);
         if (!session) {

@@ -15,43 +15,63 @@ void DBusService::setSessionLimit(const char* method, int32_t session, uint32_t 
     });
 }
 
-void DBusService::vexaSessionDurationLimit(const int32_t& session, const uint32_t& countsec) {
+void DBusService::vexaSessionDurationLimitAuthorized(const int32_t& session, const uint32_t& countsec) {
     setSessionLimit("vexaSessionDurationLimit", session, countsec, &Session::durationLimit,
                     &ServiceDefaults::durationTimeout);
 }
 
-void DBusService::vexaSessionInactivityLimit(const int32_t& session, const uint32_t& countsec) {
+void DBusService::vexaSessionDurationLimit(sdbus::Result<>&& result, int32_t session, uint32_t countsec) {
+    authorizedCall("vexaSessionDurationLimit", std::move(result), &DBusService::vexaSessionDurationLimitAuthorized,
+                   session, countsec);
+}
+
+void DBusService::vexaSessionInactivityLimitAuthorized(const int32_t& session, const uint32_t& countsec) {
     setSessionLimit("vexaSessionInactivityLimit", session, countsec, &Session::inactivityLimit,
                     &ServiceDefaults::inactivityTimeout);
 }
 
-void DBusService::vexaSessionDisconnectLimit(const int32_t& session, const uint32_t& countsec) {
+void DBusService::vexaSessionInactivityLimit(sdbus::Result<>&& result, int32_t session, uint32_t countsec) {
+    authorizedCall("vexaSessionInactivityLimit", std::move(result), &DBusService::vexaSessionInactivityLimitAuthorized,
+                   session, countsec);
+}
+
+void DBusService::vexaSessionDisconnectLimitAuthorized(const int32_t& session, const uint32_t& countsec) {
     setSessionLimit("vexaSessionDisconnectLimit", session, countsec, &Session::disconnectLimit,
                     &ServiceDefaults::disconnectTimeout);
 }
 
-void DBusService::vexaSessionSeamlessLimit(const int32_t& session, const uint32_t& countsec) {
+void DBusService::vexaSessionDisconnectLimit(sdbus::Result<>&& result, int32_t session, uint32_t countsec) {
+    authorizedCall("vexaSessionDisconnectLimit", std::move(result), &DBusService::vexaSessionDisconnectLimitAuthorized,
+                   session, countsec);
+}
+
+void DBusService::vexaSessionSeamlessLimitAuthorized(const int32_t& session, const uint32_t& countsec) {
     setSessionLimit("vexaSessionSeamlessLimit", session, countsec, &Session::seamlessLimit,
                     &ServiceDefaults::seamlessTimeout);
 }
 
+void DBusService::vexaSessionSeamlessLimit(sdbus::Result<>&& result, int32_t session, uint32_t countsec) {
+    authorizedCall("vexaSessionSeamlessLimit", std::move(result), &DBusService::vexaSessionSeamlessLimitAuthorized,
+                   session, countsec);
+}
+
 uint32_t DBusService::vexaSeamlessTimeoutDefault() {
-    return boundary("vexaSeamlessTimeoutDefault", 0u, [this] { return defaults().seamlessTimeout; });
+    return serve("vexaSeamlessTimeoutDefault", 0u, [this] { return defaults().seamlessTimeout; });
 }
 
 uint32_t DBusService::vexaDurationTimeoutDefault() {
-    return boundary("vexaDurationTimeoutDefault", 0u, [this] { return defaults().durationTimeout; });
+    return serve("vexaDurationTimeoutDefault", 0u, [this] { return defaults().durationTimeout; });
 }
 
 uint32_t DBusService::vexaInactivityTimeoutDefault() {
-    return boundary("vexaInactivityTimeoutDefault", 0u, [this] { return defaults().inactivityTimeout; });
+    return serve("vexaInactivityTimeoutDefault", 0u, [this] { return defaults().inactivityTimeout; });
 }
 
 uint32_t DBusService::vexaDisconnectTimeoutDefault() {
-    return boundary("vexaDisconnectTimeoutDefault", 0u, [this] { return defaults().disconnectTimeout; });
+    return serve("vexaDisconnectTimeoutDefault", 0u, [this] { return defaults().disconnectTimeout; });
 }
 
-void DBusService::vexaUserSessionsCheckTimeouts(const std::string& username, const bool& check) {
+void DBusService::vexaUserSessionsCheckTimeoutsAuthorized(const std::string& username, const bool& check) {
     boundary("vexaUserSessionsCheckTimeouts", [&] {
         const auto found = findUserSessions(username);
         sessions.locked([&](SessionRegistry::Map&) {
@@ -60,6 +80,11 @@ void DBusService::vexaUserSessionsCheckTimeouts(const std::string& username, con
             }
         });
     });
+}
+
+void DBusService::vexaUserSessionsCheckTimeouts(sdbus::Result<>&& result, std::string username, bool check) {
+    authorizedCall("vexaUserSessionsCheckTimeouts", std::move(result),
+                   &DBusService::vexaUserSessionsCheckTimeoutsAuthorized, std::move(username), check);
 }
 
 } // namespace Vexa

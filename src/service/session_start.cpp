@@ -90,6 +90,8 @@ StartSessionResult DBusService::startSession(const StartSessionArgs& args) {
             context.policy.groupsAllow = config.getVectorList("groups:allow");
         }
         context.policy.shadowPolicy = context.defaults.shadowPolicy;
+        context.policy.loginHelperUser = context.defaults.loginHelperUser;
+        context.policy.rootLogin = context.defaults.rootLogin;
         context.lookups = AdmissionLookups::system();
         context.runtimeTemplate = config.getString("runtime:xdg", "/run/user/%{uid}");
         return starter.start(args, context);

@@ -143,7 +143,7 @@ std::optional<pid_t> processId(const std::string& name) {
 
 } // namespace
 
-std::string sessionJson(const Session& session, const std::optional<DisplayGeometry>& geometry) {
+std::string sessionJson(const Session& session, const std::optional<DisplayGeometry>& geometry, bool withNtlm) {
     ObjectText json;
     if (const auto& user = session.user) {
         json.string("home", user->home)
@@ -152,7 +152,7 @@ std::string sessionJson(const Session& session, const std::optional<DisplayGeome
             .string("shell", user->shell)
             .string("username", user->name)
             .string("domain", user->domain)
-            .string("ntlm", user->ntlm)
+            .string("ntlm", withNtlm ? user->ntlm : std::string())
             .number("uid", user->uid)
             .number("gid", user->gid)
             .boolean("profile:mounted", user->profileMounted)

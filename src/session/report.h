@@ -24,7 +24,9 @@ struct DisplayGeometry {
 // session manager, display, limits and times, transports, systemd placement, resource limits, the display
 // geometry (only when given), security, redirection and connect policies. Strings are escaped to plain ASCII
 // (other characters as \u sequences), so the text is valid UTF-8 whatever the account data holds.
-std::string sessionJson(const Session& session, const std::optional<DisplayGeometry>& geometry);
+// `withNtlm`: the "ntlm" line carries the NT hash (a password equivalent) only for callers that need it; for the
+// others it is empty.
+std::string sessionJson(const Session& session, const std::optional<DisplayGeometry>& geometry, bool withNtlm);
 
 // The processes owned by `uid`, as [{"pid":N,"cmd":"<executable>"},...] in directory order. Entries of `procDir`
 // that are not process directories, or whose executable cannot be read, are left out.

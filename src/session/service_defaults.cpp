@@ -42,6 +42,10 @@ ServiceDefaults loadServiceDefaults(const JsonConfig& config) {
     d.throttleDelay = number("auth:throttle:delay", 2);
     d.throttleDelayMax = number("auth:throttle:delay:max", 30);
     d.throttleForget = number("auth:throttle:forget", 300);
+    d.requestsInFlight = number("requests:caller:inflight", 4);
+    d.requestsPerMinute = number("requests:caller:minute", 30);
+    d.loginHelperUser = config.getString("login:helper:user", "vexa-login");
+    d.rootLogin = config.getBoolean("login:root:allow", false);
     return d;
 }
 

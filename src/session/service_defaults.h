@@ -42,11 +42,15 @@ struct ServiceDefaults {
     bool shadowPolicy = false;
     uint32_t displayStart = 101;
     std::filesystem::path runtimeDir = "/run/vexa";
-    uint32_t startWorkers = 8;      // session starts and password checks at once (1 to 64)
-    uint32_t throttleFailures = 3;  // failed logins of a user or caller before the next are delayed; 0: never
-    uint32_t throttleDelay = 2;     // s, the first delay; it doubles with every further failure
-    uint32_t throttleDelayMax = 30; // s
-    uint32_t throttleForget = 300;  // s without a failure after which failures are forgotten
+    uint32_t startWorkers = 8;       // session starts and password checks at once (1 to 64)
+    uint32_t throttleFailures = 3;   // failed logins of a user or caller before the next are delayed; 0: never
+    uint32_t throttleDelay = 2;      // s, the first delay; it doubles with every further failure
+    uint32_t throttleDelayMax = 30;  // s
+    uint32_t throttleForget = 300;   // s without a failure after which failures are forgotten
+    uint32_t requestsInFlight = 4;   // session requests of one caller (not root) under way at once; 0: no limit
+    uint32_t requestsPerMinute = 30; // session requests of one caller (not root) in any minute; 0: no limit
+    std::string loginHelperUser = "vexa-login"; // the only account a login-helper session may run as
+    bool rootLogin = false;                     // whether uid 0 may have a session of any kind
 };
 
 // Reads the keys in their documented order. Integers are stored as read (a negative value becomes a large

@@ -141,7 +141,7 @@ def test_login_helper_session(daemon, new_user, files):
     helper = pathlib.Path("/usr/local/bin/vexa-e2e-login-helper")  # a stand-in the user may run
     files.write(helper, "#!/bin/sh\nexec sleep 600\n")
     helper.chmod(0o755)
-    keeper = daemon(**{"helper:login": str(helper)})
+    keeper = daemon(**{"helper:login": str(helper), "login:helper:user": user})  # the login helper's account
     service = keeper.svc
     # the login screen needs no password: the helper's own session, with the fixed limits of a login session
     (display, xauthfile), = service.call("vexaLoginHelperStart", "si", user, 4321).get_args_list()

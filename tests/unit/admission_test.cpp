@@ -16,11 +16,12 @@ AdmissionLookups lookups(bool connectAllowed = true, std::optional<spwd> shadow 
     static const std::map<std::string, std::list<std::string>> groups{{"staff", {"bob"}}, {"rdp", {"alice", "carol"}}};
     AdmissionLookups l;
     l.user = [](const std::string& name) -> std::unique_ptr<UserInfo> {
-        if (name != "alice" && name != "bob" && name != "carol") {
+        if (name != "alice" && name != "bob" && name != "carol" && name != "root") {
             return nullptr;
         }
         auto user = std::make_unique<UserInfo>(passwd{}, false);
         user->name = name;
+        user->uid = name == "root" ? 0 : 1000;
         user->shell = name == "carol" ? "/bin/false" : "/bin/bash";
         return user;
     };
@@ -66,8 +67,16 @@ TEST(Admission, StepsRefuseOrAdmitInTheirOrder) {
         {"alice", "Other", {.groupsAllow = Groups{"missing-group", "staff", "rdp"}}, S::Success, ""},
         {"bob", "Other", {.groupsAllow = rdp}, S::NotAllowed, "user is not allowed, user: bob, shell: `/bin/bash'"},
         // The login helper reuses nothing and is not limited, but its user must be in an allowed group.
-        {"alice", "DefaultSession", {.sessionsLimit = 0}, S::Success, "", M::LoginHelper},
-        {"bob", "LoginSession", {.groupsAllow = rdp}, S::NotAllowed, "user is not allowed", M::LoginHelper},
+        {"alice", "DefaultSession", {.sessionsLimit = 0, .loginHelperUser = "alice"}, S::Success, "", M::LoginHelper},
+        {"bob", "LoginSession", {.groupsAllow = rdp, .loginHelperUser = "bob"}, S::NotAllowed, "user is not allowed",
+         M::LoginHelper},
+        // Login-helper sessions run as the one configured account only, root's sessions only when allowed.
+        {"alice", "LoginSession", {}, S::NotAllowed, "login helper refused, user: alice, only for: vexa-login",
+         M::LoginHelper},
+        {"root", "LoginSession", {.loginHelperUser = "vexa-login"}, S::NotAllowed, "login helper refused, user: root",
+         M::LoginHelper},
+        {"root", "DefaultSession", {}, S::NotAllowed, "root login refused, user: root"},
+        {"root", "DefaultSession", {.rootLogin = true}, S::Success, ""},
     };
     for (const auto& c : cases) {
         AdmissionResult result;

@@ -98,10 +98,10 @@ const std::string policies =
 
 TEST(SessionReport, DocumentHasEveryKeyInOrderWithUserOnlyWhenPresentAndGeometryOnlyWhenGiven) {
     const auto user = makeUser(); // held here and by the session: two holders
-    const auto text = sessionJson(*makeSession(user), std::nullopt);
+    const auto text = sessionJson(*makeSession(user), std::nullopt, true);
     EXPECT_EQ(text, "{" + userKeys + sessionKeys + "\"resource:limits\":[" + userLimits + sessionLimits + "]," +
                         transports + policies + "}");
-    EXPECT_EQ(sessionJson(*makeSession(nullptr), DisplayGeometry{24, 1920, 1080}),
+    EXPECT_EQ(sessionJson(*makeSession(nullptr), DisplayGeometry{24, 1920, 1080}, true),
               "{" + sessionKeys + "\"resource:limits\":[" + sessionLimits + "]," + transports +
                   R"("depth":24,"width":1920,"height":1080,)" + policies + "}");
     // The escapes are JSON that gives the bytes back.

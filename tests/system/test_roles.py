@@ -1,0 +1,224 @@
+"""Who may call what: the bus policy and the daemon's own check per role, polkit for administrators, NT hashes
+kept from monitors and administrators, the login-helper account, root's logins and the request rate limits."""
+
+import json
+import pathlib
+import pwd
+import re
+import subprocess
+
+import pytest
+
+from conftest import as_user, cursor, journal, run, wait_line
+from test_session import PASSWORD, PROGRAM, daemon, new_user, sessions  # noqa: F401 (fixtures)
+
+PY = "/usr/bin/python3"
+# Run as a test user: makes the calls of a JSON list [[at seconds, method, signature, args], ...] from one
+# connection, each sent at its time without waiting for the earlier ones, and prints the outcomes in order:
+# {"ok": [values]} or {"error": name}.
+CALLER = """
+import json, sys, time, dbus, dbus.lowlevel, dbus.mainloop.glib
+from gi.repository import GLib
+bus = dbus.SystemBus(mainloop=dbus.mainloop.glib.DBusGMainLoop())
+calls, out, loop, begin = json.loads(sys.argv[1]), {}, GLib.MainLoop(), time.monotonic()
+def plain(v):
+    if isinstance(v, (list, tuple, dbus.Struct, dbus.Array)): return [plain(x) for x in v]
+    if isinstance(v, dbus.Boolean): return bool(v)
+    if isinstance(v, (int, float)): return int(v) if isinstance(v, int) else float(v)
+    return str(v)
+def done(i, outcome):
+    out[i] = outcome
+    if len(out) == len(calls): loop.quit()
+def send(i):
+    at, method, sig, args = calls[i]
+    msg = dbus.lowlevel.MethodCallMessage("ru.kelvo.vexa", "/ru/kelvo/vexa", "ru.kelvo.vexa", method)
+    if sig: msg.append(*args, signature=sig)
+    def reply(m):
+        if isinstance(m, dbus.lowlevel.ErrorMessage): done(i, {"error": m.get_error_name()})
+        else: done(i, {"ok": plain(m.get_args_list())})
+    bus.send_message_with_reply(msg, reply, 60)
+    return False
+for i, call in enumerate(calls):
+    GLib.timeout_add(int(call[0] * 1000), send, i)
+loop.run()
+print(json.dumps([out[i] for i in range(len(calls))]))
+"""
+DENIED = "org.freedesktop.DBus.Error.AccessDenied"
+ROLES = {"monitor": "vexa-monitor", "transport": "vexa", "admin": "vexa-admin"}
+# One call of each group of the role table, with arguments that change nothing that matters, and the roles that
+# may make it (root may make every one).
+ROWS = [
+    ("vexaStatus", "", [], {"monitor", "transport", "admin"}),
+    ("vexaPolicyConnectDefault", "", [], {"monitor", "transport", "admin"}),
+    ("vexaSessions", "", [], {"monitor", "transport", "admin"}),
+    ("vexaProgramList", "", [], {"monitor", "transport", "admin"}),
+    ("vexaTransportDisplayInactivity", "u", [0], {"transport", "admin"}),
+    ("vexaSessionRequest", "s", ["{}"], {"transport", "admin"}),
+    ("vexaCheckAuthCertificate", "s", [""], {"transport", "admin"}),
+    ("vexaDisplayResize", "uqq", [0, 800, 600], {"transport", "admin"}),
+    ("vexaRdpSecurityPolicy", "ubbb", [0xFFFF, True, True, False], {"transport"}),
+    ("vexaLoginHelperStart", "si", ["e2e-nobody", 0], {"transport"}),
+    ("vexaLoginHelperStarted", "i", [0], {"transport"}),
+    ("vexaSessionShutdown", "u", [0xFFFF], {"admin"}),
+    ("vexaSessionPolicyConnect", "iu", [0x7FFF, 2], {"admin"}),
+    ("vexaSessionLimitTasksMax", "iu", [0x7FFF, 0], {"admin"}),
+    ("vexaSendNotify", "ussy", [0xFFFF, "", "", 0], {"admin"}),
+    ("busSetDebugLevel", "s", ["debug"], {"admin"}),
+    ("busServiceShutdown", "", [], set()),
+]
+
+
+def calls_as(user, calls):
+    """The outcomes of `calls` ([at, method, signature, args]) made by `user` from one connection."""
+    proc = run(as_user(user, PY, "-c", CALLER, json.dumps(calls)))
+    return json.loads(proc.stdout)
+
+
+def role_users(make_user):
+    return {role: make_user(f"e2e-role-{role}", groups=[group]) for role, group in ROLES.items()}
+
+
+@pytest.fixture
+def open_bus(make_user):
+    """A user in a group that the bus lets call every member, so that only the daemon's own check stands."""
+    run(["groupadd", "e2e-open"])
+    policy = pathlib.Path("/etc/dbus-1/system.d/e2e-open.conf")
+    policy.write_text('<busconfig><policy group="e2e-open"><allow send_destination="ru.kelvo.vexa"/>'
+                      '<allow receive_sender="ru.kelvo.vexa"/></policy></busconfig>')
+    user = make_user("e2e-open-user", groups=["e2e-open"])
+    run(["systemctl", "reload", "dbus.service"])
+    yield user
+    policy.unlink()
+    run(["systemctl", "reload", "dbus.service"])
+    run(["userdel", "--remove", user], check=False)
+    run(["groupdel", "e2e-open"], check=False)
+
+
+@pytest.fixture
+def polkit_rule():
+    """Writes a local polkit rule that sorts before the package's; removed afterwards."""
+    path = pathlib.Path("/etc/polkit-1/rules.d/10-e2e-vexa.rules")
+    yield path.write_text
+    path.unlink(missing_ok=True)
+
+
+def test_each_role_may_call_the_groups_of_its_role_and_the_bus_refuses_the_rest(running, make_user):
+    users = role_users(make_user)
+    for role, user in users.items():
+        outcomes = calls_as(user, [[0, method, sig, args] for method, sig, args, _ in ROWS])
+        for (method, _, _, allowed), outcome in zip(ROWS, outcomes):
+            assert ("ok" in outcome) == (role in allowed), (role, method, outcome)
+            if role not in allowed:
+                assert outcome == {"error": DENIED}, (role, method)
+    assert running.value("vexaStatus")  # nobody but root may stop the service
+
+
+def test_the_daemon_refuses_every_method_to_a_caller_without_a_role(running, open_bus):
+    """With a bus policy that lets the caller through, the daemon's own check answers each method's failure
+    value and logs the caller; busServiceShutdown among them, so the service must still run afterwards."""
+    declared = __import__("test_bus_interface").DECLARED
+    calls = []
+    for (kind, name), args in sorted(declared.items()):
+        if kind == "method":
+            ins = [t for _, t, d in args if d == "in"]
+            zeros = [{"s": "", "b": False}.get(t, [] if t[0] == "a" else 0) for t in ins]
+            calls.append([0, name, "".join(ins), zeros])
+    after = cursor()
+    outcomes = calls_as(open_bus, calls)
+    assert all("ok" in outcome for outcome in outcomes), [c[1] for c, o in zip(calls, outcomes) if "ok" not in o]
+    uid = pwd.getpwnam(open_bus).pw_uid
+    refused = {e["MESSAGE"].split(":")[0] for e in running.barrier(after)
+               if f": access denied, caller uid: {uid}, pid: " in e["MESSAGE"]}
+    assert refused == {c[1] for c in calls}
+    assert running.value("vexaStatus")
+
+
+def test_polkit_grants_administrators_their_actions_and_a_local_rule_takes_one_away(running, make_user,
+                                                                                      polkit_rule):
+    admin = make_user("e2e-role-admin", groups=["vexa-admin"])
+    polkit_rule('polkit.addRule(function(action, subject) {\n'
+                '  if (action.id == "ru.kelvo.vexa.set-policy" && subject.isInGroup("vexa-admin"))\n'
+                '    return polkit.Result.NO;\n});\n')
+    run(["systemctl", "restart", "polkit.service"])
+    after = cursor()
+    calls_as(admin, [[0, "vexaSessionPolicyConnect", "iu", [-1, 1]], [0, "vexaSessionsLimit", "u", [77]],
+                     [0, "vexaSessionPolicyConnect", "iu", [-1, 3]]])
+    assert running.value("vexaPolicyConnectDefault") == 2  # neither change went through
+    lines = [e["MESSAGE"] for e in running.barrier(after)]
+    uid = pwd.getpwnam(admin).pw_uid
+    denied = f"vexaSessionPolicyConnect: access denied by polkit, action: ru.kelvo.vexa.set-policy, caller uid: {uid}"
+    assert sum(line.startswith(denied) for line in lines) == 2, lines
+    assert not [line for line in lines if "vexaSessionsLimit: access denied" in line]
+
+
+def test_ntlm_hash_is_reported_to_root_and_transports_only(sessions, new_user, make_user):
+    users = role_users(make_user)
+    user, _ = new_user("e2e-role-ntlm")
+    sid = sessions.request(username=user, password=PASSWORD, **PROGRAM)
+    assert sid > 0
+    assert sessions.info(sid)["ntlm"]
+    for role, caller in users.items():
+        info, listing = calls_as(caller, [[0, "vexaSessionInfoJson", "u", [sid]],
+                                          [0, "vexaUserInfoJson", "s", [user]]])
+        reports = [json.loads(info["ok"][0]), *json.loads(listing["ok"][0])]
+        assert [bool(r["ntlm"]) for r in reports] == [role == "transport"] * 2, role
+
+
+@pytest.mark.parametrize("name", ["root", "e2e-role-plain"])
+def test_login_helper_runs_only_as_its_own_account(running, make_user, name):
+    if name != "root":
+        make_user(name)
+    after = cursor()
+    assert list(running.call("vexaLoginHelperStart", "si", name, 4242).get_args_list()[0]) == [-1, ""]
+    wait_line(after, f"startSession: login helper refused, user: {name}, only for: vexa-login")
+
+
+def test_root_has_no_session_unless_allowed(sessions):
+    after = cursor()
+    assert sessions.request(username="root", password="whatever", **PROGRAM) < 0
+    wait_line(after, "startSession: root login refused, user: root")
+
+
+def test_request_rate_limits_engage_and_release(daemon, make_user, new_user):
+    daemon(**{"requests:caller:inflight": 1, "requests:caller:minute": 0, "auth:throttle:failures": 1,
+              "auth:throttle:delay": 3})
+    transport = make_user("e2e-role-rate", groups=["vexa"])
+    user, _ = new_user("e2e-role-target")
+    wrong = json.dumps({"username": user, "password": "not-the-password", **PROGRAM})
+    after = cursor()
+    # The second wrong password waits for the throttle: while it is under way the third call is refused, and
+    # the fourth, after it, is let through again.
+    outcomes = calls_as(transport, [[0, "vexaSessionRequest", "s", [wrong]], [3, "vexaSessionRequest", "s", [wrong]],
+                                    [4, "vexaSessionRequest", "s", ["{}"]], [12, "vexaSessionRequest", "s", ["{}"]]])
+    assert [o["ok"][0] < 0 for o in outcomes] == [True] * 4
+    limited = [e["MESSAGE"] for e in journal(after) if "vexaSessionRequest: rate limited" in e["MESSAGE"]]
+    assert len(limited) == 1 and "in flight: 1 (limit 1)" in limited[0], limited
+
+
+def test_requests_per_minute_are_limited_per_caller(daemon, make_user):
+    daemon(**{"requests:caller:minute": 3})
+    transport = make_user("e2e-role-rate", groups=["vexa"])
+    after = cursor()
+    first = calls_as(transport, [[i * 0.1, "vexaSessionRequest", "s", ["{}"]] for i in range(4)])
+    second = calls_as(transport, [[0, "vexaSessionRequest", "s", ["{}"]]])  # a new connection: a caller of its own
+    assert len(first) == 4 and len(second) == 1
+    limited = [e["MESSAGE"] for e in journal(after) if "vexaSessionRequest: rate limited" in e["MESSAGE"]]
+    assert len(limited) == 1 and "last minute: 3 (limit 3)" in limited[0], limited
+
+
+def test_no_secret_reaches_the_journal_at_trace_level(daemon, new_user, files):
+    keeper = daemon(**{"debug:level": "trace"})
+    user, _ = new_user("e2e-role-secret")
+    after = cursor()
+    sid = keeper.request(username=user, password=PASSWORD, **PROGRAM)
+    assert sid > 0
+    info = keeper.info(sid)
+    cookie = run(["xauth", "-f", info["xauthfile"], "list"]).stdout.split()[-1]
+    keeper.svc.call("vexaCheckAuthUser", "sss", user, PASSWORD, "")
+    keeper.svc.call("vexaTestConnect", "sss", user, "", PASSWORD)
+    keeper.svc.call("vexaSessionShutdown", "u", sid)
+    entries = journal(after, idents=("vexa_service", "vexa_session_manager"))
+    secrets = [PASSWORD, re.search(r"[0-9a-fA-F]{32}", info["ntlm"]).group(), cookie]
+    assert all(len(s) >= 16 for s in secrets[1:])
+    leaked = [(s, e["MESSAGE"]) for e in entries for s in secrets if s.lower() in str(e["MESSAGE"]).lower()]
+    assert leaked == []
