@@ -9,8 +9,7 @@ import subprocess
 
 import pytest
 
-from conftest import as_user, cursor, journal, run, wait_line
-from test_session import PASSWORD, PROGRAM, daemon, new_user, sessions  # noqa: F401 (fixtures)
+from conftest import PASSWORD, PROGRAM, as_user, cursor, journal, run, wait_line
 
 PY = "/usr/bin/python3"
 # Run as a test user: makes the calls of a JSON list [[at seconds, method, signature, args], ...] from one
