@@ -17,6 +17,7 @@ struct Target {
     xcb_randr_output_t output = XCB_NONE;
     xcb_randr_crtc_t crtc = XCB_NONE;
     xcb_randr_mode_t mode = XCB_NONE;
+    OutputInfo info; // as picked: its modes tell whether the mode must be added
 };
 
 // A mode of exactly that size among the screen's, or a new one; XCB_NONE when it could not be made.
@@ -69,7 +70,7 @@ std::vector<Target> pickOutputs(const Connector& connector, const ScreenResource
         }
         if (crtc != XCB_NONE) {
             taken.push_back(crtc);
-            targets.push_back(Target{output, crtc, XCB_NONE});
+            targets.push_back(Target{output, crtc, XCB_NONE, info});
         }
     }
     return targets;
@@ -162,10 +163,8 @@ bool applyLayout(const Connector& connector, const Layout& layout) {
         const uint16_t width = perOutput ? layout.monitors[i].width : layout.width;
         const uint16_t height = perOutput ? layout.monitors[i].height : layout.height;
         targets[i].mode = findOrCreateMode(connector, resources, width, height);
-        const auto info = connector.randrOutputInfo(targets[i].output, stamp);
-        if (targets[i].mode == XCB_NONE || !info ||
-            (!outputHasMode(info, targets[i].mode) &&
-             !connector.randrOutputModeAdd(targets[i].output, targets[i].mode))) {
+        if (targets[i].mode == XCB_NONE || (!outputHasMode(targets[i].info, targets[i].mode) &&
+                                            !connector.randrOutputModeAdd(targets[i].output, targets[i].mode))) {
             return false;
         }
     }
