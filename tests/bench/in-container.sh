@@ -30,14 +30,26 @@ for _ in $(seq 50); do
     sleep 0.1
 done
 
+daemon_pid=$(systemctl show -p MainPID --value vexa.service)
+hz=$(getconf CLK_TCK)
+# CPU time (user + system) of a process in clock ticks.
+ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
+
 echo "vexaStatus calls/s, ${seconds} s per figure, ${rounds} rounds; $(nproc) cores"
+echo "cpu: the called service's CPU time per call over both figures (steadier than the rates on a busy machine)"
 results=$(mktemp)
 for round in $(seq "$rounds"); do
     for who in root "$caller"; do
         for target in "ru.kelvo.vexa /ru/kelvo/vexa ru.kelvo.vexa" \
             "ru.kelvo.vexa.echo /ru/kelvo/vexa/echo ru.kelvo.vexa.echo"; do
             # shellcheck disable=SC2086 # the target is three words
+            server=$daemon_pid
+            [[ $target == ru.kelvo.vexa.echo* ]] && server=$echo_pid
+            before=$(ticks "$server")
             line=$(setpriv --reuid="$who" --regid="$who" --init-groups "$tools/vexa_bench_calls" $target "$seconds")
+            used=$(($(ticks "$server") - before))
+            line="$line   cpu $(awk -v t="$used" -v hz="$hz" -v s="$seconds" -v a="$(echo "$line" | awk '{print $3}')" \
+                -v b="$(echo "$line" | awk '{print $8}')" 'BEGIN { printf "%.1f us/call", t / hz * 1e6 / ((a + b) * s) }')"
             echo "round $round  $(printf '%-18s' "$who")  $line"
             echo "$who $line" >>"$results"
         done
@@ -52,9 +64,9 @@ who, path = sys.argv[1], sys.argv[2]
 rows = [l.split() for l in open(path) if l.split()[0] == who]
 def med(dest, col):
     return statistics.median(float(r[col]) for r in rows if r[1] == dest)
-for name, col in (("sequential", 3), ("32 in flight", 8)):
+for name, col in (("sequential", 3), ("32 in flight", 8), ("cpu us/call", 11)):
     d, e = med("ru.kelvo.vexa", col), med("ru.kelvo.vexa.echo", col)
-    print(f"  {who:18} {name:13} daemon {d:8.0f}  echo {e:8.0f}  ratio {d / e:.3f}")
+    print(f"  {who:18} {name:13} daemon {d:8.1f}  echo {e:8.1f}  ratio {d / e:.3f}")
 PY
 done
 kill "$echo_pid"

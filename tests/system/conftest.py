@@ -16,6 +16,8 @@ import pytest
 from dbus.mainloop.glib import DBusGMainLoop
 from gi.repository import GLib
 
+import journal_secrets
+
 DBusGMainLoop(set_as_default=True)
 
 SRC_DIR = pathlib.Path(os.environ.get("E2E_SRC_DIR", pathlib.Path(__file__).resolve().parents[2]))
@@ -38,6 +40,12 @@ XVFB = {"xvfb:path": "/usr/bin/Xvfb",
         "xvfb:args": [":%{display}", "-nolisten", "tcp", "-auth", "%{authfile}",
                       "-screen", "0", "%{width}x%{height}x%{depth}", "-I"]}
 PASSWORD = "Vexa-e2e-S3ss-4kq9"
+WRONG = "Wrong-e2e-9x"
+# E2E_TRACE=1 (run-container --trace): every daemon of the tier logs at trace level, and when the tier ends its
+# journal is scanned for every secret the tests handed the daemon or the daemon made (LEDGER).
+TRACE = os.environ.get("E2E_TRACE") == "1"
+LEVEL = "trace" if TRACE else "debug"
+LEDGER = journal_secrets.Ledger(PASSWORD, WRONG)
 PROGRAM = {"session:path": "/usr/bin/sleep", "session:args": ["4242"]}
 
 # A process of the test that writes "SIGTERM <pid>" when it gets one and ends; without arguments it writes
@@ -394,6 +402,7 @@ def make_user():
         args += ["--create-home"] if home else ["--no-create-home", "--home-dir", f"/nonexistent/{name}"]
         run([*args, *(["-G", ",".join(groups)] if groups else []), name])
         run(["chpasswd"], input=f"{name}:{password}")
+        LEDGER.account(name, password)
         made.append(name)
         return name
 
@@ -414,7 +423,7 @@ def daemon(service, bus, files):
     started = []
 
     def start(**keys):
-        files.write(CONFIG, {**json.loads(pathlib.Path(CONFIG).read_text()), **XVFB, "debug:level": "debug", **keys})
+        files.write(CONFIG, {**json.loads(pathlib.Path(CONFIG).read_text()), **XVFB, "debug:level": LEVEL, **keys})
         service.start()
         started.append(Sessions(service, bus))
         return started[-1]
@@ -436,3 +445,30 @@ def procs(service, tmp_path):
     keeper = Procs(tmp_path)
     yield keeper
     keeper.stop()
+
+
+def pytest_sessionstart(session):
+    if TRACE:
+        LEDGER.watch()
+
+
+def pytest_sessionfinish(session):
+    if not TRACE:
+        return
+    LEDGER.stop()
+    secrets = LEDGER.secrets()
+    entries = [json.loads(line) for line in
+               run(["journalctl", "-q", "-b", "-o", "json", "--output-fields=MESSAGE,SYSLOG_IDENTIFIER"]).stdout.splitlines()]
+    found = journal_secrets.leaks(secrets, entries)
+    counts = {kind: sum(k == kind for k, _ in secrets) for kind in sorted({k for k, _ in secrets})}
+    session.config.secret_scan = [f"secret scan: {len(entries)} journal entries at trace level, secrets: " +
+                                  ", ".join(f"{n} {kind}" for kind, n in counts.items())]
+    session.config.secret_scan += [f"LEAK {kind} {secret} by {ident}: {message}" for kind, secret, ident, message in found]
+    if found or not counts.get("cookie"):
+        session.config.secret_scan += [] if found else ["the scan saw no X cookie: the tier started no session"]
+        session.exitstatus = 1
+
+
+def pytest_terminal_summary(terminalreporter, config):
+    for line in getattr(config, "secret_scan", []):
+        terminalreporter.write_line(line)

@@ -6,9 +6,8 @@ import re
 
 import dbus
 
-from conftest import PASSWORD, PROGRAM, Calls, cursor, ended, processes, pump, wait_for, wait_line, x_servers
+from conftest import PASSWORD, PROGRAM, WRONG, Calls, cursor, ended, processes, pump, wait_for, wait_line, x_servers
 
-WRONG = "Wrong-e2e-9x"
 # A PAM service whose authentication takes two seconds before it even asks for the password: a start held up.
 SLOW_PAM = "vexa-e2e-slow"
 SLOW_STACK = "auth optional pam_exec.so quiet /usr/bin/sleep 2\n@include vexa\n"
