@@ -6,7 +6,11 @@ client would.
 
 It makes (or reuses) the demo user, asks for a session with vexaSessionRequest, prints what the service
 and logind know about it, waits for the session's window, saves a screenshot of the session's display as
-DIR/session.png and checks it, ends the session, stops the service over the bus and prints the signals it
+DIR/session.png and checks it. Then a real RDP client (xfreerdp in an Xvfb of its own) logs in to port 3389
+as the demo user and is handed the same session: its screen is saved as DIR/rdp-connect.png, a command typed
+into it runs in the session, it disconnects, connects again to the same session and its screen is saved as
+DIR/rdp-reconnect.png (skipped with a message while /usr/libexec/vexa/vexa_rdp_transport is not installed).
+Then it ends the session, stops the service over the bus and prints the signals it
 heard and the daemon's journal lines. --host means a real machine rather than the throwaway container:
 an existing demo user is then only reused when it is the one an earlier run made, and its password is
 locked again at the end. Exit status 0 when every step succeeded, 1 otherwise."""
@@ -17,6 +21,7 @@ import os
 import pathlib
 import pwd
 import secrets
+import socket
 import struct
 import subprocess
 import sys
@@ -26,6 +31,10 @@ import traceback
 import dbus
 import dbus.mainloop.glib
 from gi.repository import GLib
+
+# the RDP client harness of the system tests
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tests/system"))
+import rdp_client  # noqa: E402  pylint: disable=wrong-import-position
 
 BUS_NAME = INTERFACE = "ru.kelvo.vexa"
 OBJECT_PATH = "/ru/kelvo/vexa"
@@ -43,12 +52,15 @@ SESSION_SCRIPT = (
     "echo \"display: $DISPLAY\"; "
     "echo \"logind:  session ${XDG_SESSION_ID:-?}\"; "
     "echo \"date:    $(date)\"; "
-    "exec sleep infinity"
+    "echo; echo 'an interactive shell of the session follows: what an RDP client types runs here'; "
+    "exec /bin/sh -i"
 )
 SESSION = {
     "session:path": "/usr/bin/xterm",
     "session:args": ["-T", TITLE, "-geometry", "80x24+40+40", "-e", "/bin/sh", "-c", SESSION_SCRIPT],
 }
+TRANSPORT = pathlib.Path("/usr/libexec/vexa/vexa_rdp_transport")
+RDP_PORT = 3389
 WATCHED = ("signalSessionCreated", "signalProxyAllowConnection", "signalSessionShutdown",
            "signalSessionConnected", "signalSessionDisconnected", "signalVexaStopped")
 
@@ -72,6 +84,10 @@ def show(argv, **kw):
 
 
 class Failed(Exception):
+    pass
+
+
+class Skipped(Exception):
     pass
 
 
@@ -108,6 +124,7 @@ class Demo:
         self.signals = []
         self.password = secrets.token_urlsafe(18)
         self.sid = None
+        self.rdp = self.client = None
         self.replied = None
         self.user_made = False  # the demo user is ours: made or reused by this run, its password set
         self.info = {}
@@ -130,6 +147,12 @@ class Demo:
             function()
             ok = True
         except Failed as error:
+            print(f"  FAILED: {error}")
+            ok = False
+        except Skipped as reason:
+            print(f"  SKIPPED: {reason}")
+            ok = None
+        except rdp_client.HarnessError as error:
             print(f"  FAILED: {error}")
             ok = False
         except dbus.exceptions.DBusException as error:
@@ -252,6 +275,77 @@ class Demo:
         check(verdict["text"], "no text in the terminal's window")
         print("  the screenshot is a real PNG of the session's screen with text in the terminal's window")
 
+    # --- the RDP client -------------------------------------------------------------------------------
+    def rdp_socket(self):
+        if not TRANSPORT.exists():
+            raise Skipped(f"{TRANSPORT} is not installed: this build has no RDP transport yet, so no RDP client "
+                          "can connect (the session above was asked for over the bus as a transport would)")
+        # what the package's post-install step does
+        proc = show(["systemctl", "enable", "--now", "vexa-rdp.socket", "vexa-rdp-certificate.service"])
+        check(proc.returncode == 0, "systemctl enable --now vexa-rdp.socket failed")
+        show(["systemctl", "--no-pager", "status", "vexa-rdp.socket"])
+        wait_for(lambda: port_open(RDP_PORT), 10, f"port {RDP_PORT} to listen")
+        show(["ls", "-l", "/etc/vexa/rdp"])
+        show(["openssl", "x509", "-noout", "-subject", "-enddate", "-in", "/etc/vexa/rdp/tls.crt"])
+
+    def rdp_login(self, png):
+        """xfreerdp logs in; waits until its screen shows the session's screen, saves it as `png`."""
+        before = len(self.heard("signalSessionConnected", self.sid))
+        started = time.monotonic()
+        client = self.rdp.connect(USER, self.password, size=(WIDTH, HEIGHT))
+        print(f"  xfreerdp /v:127.0.0.1:{RDP_PORT} /u:{USER} /p:******** /cert:ignore /size:{WIDTH}x{HEIGHT} "
+              f"on display :{client.screen.display} (pid {client.proc.pid})")
+        wait_for(lambda: len(self.heard("signalSessionConnected", self.sid)) > before or not client.alive(), 30,
+                 f"signalSessionConnected({self.sid}, ...)")
+        check(client.alive(), f"xfreerdp exited {client.proc.returncode}: {client.output()[-1500:]}")
+        _, pid, addr = self.heard("signalSessionConnected", self.sid)[-1][2]
+        print(f"  heard signalSessionConnected({self.sid}, transport pid {pid}, {addr})")
+        sessions = [(str(u), int(s)) for u, s in self.vexa.vexaSessions()]
+        print(f"  vexaSessions -> {sessions}")
+        check(sessions == [(USER, self.sid)], f"not the demo's one session {self.sid}")
+        session = rdp_client.grab(self.info["display"], self.info["xauthfile"])
+        image = client.wait_screen(lambda img: img.crop(0, 0, WIDTH, HEIGHT).mismatch(
+            rdp_client.grab(self.info["display"], self.info["xauthfile"])) < 0.01, 30,
+            "the client's screen to show the session's")
+        print(f"  the client's screen matches the session's display :{self.info['display']} "
+              f"({time.monotonic() - started:.2f} s after the client started; "
+              f"{image.crop(0, 0, WIDTH, HEIGHT).mismatch(session):.2%} pixels off the first look)")
+        image.save_png(self.out / png)
+        print(f"  saved {self.out / png}")
+        return client
+
+    def rdp_connect(self):
+        self.client = self.rdp_login("rdp-connect.png")
+
+    def rdp_type(self):
+        home = pathlib.Path(pwd.getpwnam(USER).pw_dir)
+        result = home / "rdp-typed.txt"
+        result.unlink(missing_ok=True)
+        command = "id -un > ~/rdp-typed.txt; echo typed over RDP >> ~/rdp-typed.txt"
+        print(f"  xdotool type on the client's display: {command!r}, then Return")
+        self.client.type(command)
+        self.client.key("Return")
+        text = wait_for(lambda: result.exists() and result.read_text().endswith("RDP\n") and result.read_text(), 15,
+                        f"{result}")
+        print(f"  {result}: {text.strip()!r}")
+        check(text == f"{USER}\ntyped over RDP\n", "the command did not run as the demo user")
+
+    def rdp_disconnect(self):
+        before = len(self.heard("signalSessionDisconnected", self.sid))
+        status = self.client.close()
+        print(f"  xfreerdp closed (status {status})")
+        wait_for(lambda: len(self.heard("signalSessionDisconnected", self.sid)) > before, 15,
+                 f"signalSessionDisconnected({self.sid})")
+        print(f"  heard signalSessionDisconnected({self.sid}); the session goes on:")
+        sessions = [(str(u), int(s)) for u, s in self.vexa.vexaSessions()]
+        print(f"  vexaSessions -> {sessions}")
+        check(sessions == [(USER, self.sid)], "the session did not stay")
+
+    def rdp_reconnect(self):
+        self.client = self.rdp_login("rdp-reconnect.png")
+        print(f"  the same session {self.sid}, with the typed command still on its screen")
+        self.client.close()
+
     def shutdown(self):
         check(self.sid, "no session")
         reply = bool(self.vexa.vexaSessionShutdown(dbus.UInt32(self.sid)))
@@ -299,25 +393,43 @@ class Demo:
 
     def main(self):
         self.out.mkdir(parents=True, exist_ok=True)
-        (self.out / "session.png").unlink(missing_ok=True)
+        for name in ("session.png", "rdp-connect.png", "rdp-reconnect.png"):
+            (self.out / name).unlink(missing_ok=True)
         self.step("1. the service", self.service)
         if self.step(f"2. demo user {USER}", self.user):
             self.step("3. session request", self.request)
         if self.sid:
             self.step("4. what the service and logind know", self.session_info)
             self.step("5. the session's screen", self.screenshot)
-            self.step("6. session shutdown", self.shutdown)
-        self.step("7. stopping the service over the bus", self.stop)
-        self.step("8. signals heard", self.signal_list)
-        self.step(f"9. journal: {UNIT} and vexa_session_manager", self.journal)
+            self.rdp = rdp_client.Clients(self.out)
+            try:
+                if self.step("6a. RDP: the socket on port 3389", self.rdp_socket):
+                    if self.step("6b. RDP: xfreerdp logs in as the demo user", self.rdp_connect):
+                        self.step("6c. RDP: a command typed into the client", self.rdp_type)
+                        if self.step("6d. RDP: disconnect", self.rdp_disconnect):
+                            self.step("6e. RDP: reconnect to the same session", self.rdp_reconnect)
+            finally:
+                self.rdp.stop()
+            self.step("7. session shutdown", self.shutdown)
+        self.step("8. stopping the service over the bus", self.stop)
+        self.step("9. signals heard", self.signal_list)
+        self.step(f"10. journal: {UNIT} and vexa_session_manager", self.journal)
         if self.host and self.user_made:
-            self.step("10. demo user", self.lock_user)
+            self.step("11. demo user", self.lock_user)
         heading("summary")
         for title, ok in self.results:
-            print(f"  {'ok    ' if ok else 'FAILED'}  {title}")
+            print(f"  {'skipped' if ok is None else 'ok     ' if ok else 'FAILED '}  {title}")
         if (self.out / "session.png").exists():
             print(f"  screenshot: {self.out / 'session.png'}")
-        return 0 if all(ok for _, ok in self.results) else 1
+        for name in ("rdp-connect.png", "rdp-reconnect.png"):
+            if (self.out / name).exists():
+                print(f"  RDP client's screen: {self.out / name}")
+        return 0 if all(ok is not False for _, ok in self.results) else 1
+
+
+def port_open(port):
+    with socket.socket() as sock:
+        return sock.connect_ex(("127.0.0.1", port)) == 0
 
 
 def x_servers(display):
