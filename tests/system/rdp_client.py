@@ -190,12 +190,16 @@ class Client:
         self.size = size or (screen.width, screen.height)
         self.log = pathlib.Path(log or f"/tmp/xfreerdp-{screen.display}.log")
         self.argv = [XFREERDP, f"/v:{host}:{port}", f"/u:{user}", f"/p:{password}", "/cert:ignore",
-                     f"/size:{self.size[0]}x{self.size[1]}", "-grab-keyboard", "+auto-reconnect",
-                     "/auto-reconnect-max-retries:0", *extra]
+                     f"/size:{self.size[0]}x{self.size[1]}", "-grab-keyboard",
+                     "-auto-reconnect", *extra]
+        # xfreerdp exits 1 without a word when it has no HOME (as in a unit's job); a home of its own also keeps
+        # its list of known certificates out of root's
+        home = self.log.with_name(self.log.stem + ".home")
+        home.mkdir(exist_ok=True)
         self.started = time.monotonic()
         with open(self.log, "wb") as out:
-            self.proc = subprocess.Popen(self.argv, env=screen.env, stdout=out, stderr=subprocess.STDOUT,
-                                         start_new_session=True)
+            self.proc = subprocess.Popen(self.argv, env={**screen.env, "HOME": str(home)}, stdout=out,
+                                         stderr=subprocess.STDOUT, start_new_session=True)
 
     def alive(self):
         return self.proc.poll() is None
