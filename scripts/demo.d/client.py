@@ -321,9 +321,14 @@ class Demo:
         result = home / "rdp-typed.txt"
         result.unlink(missing_ok=True)
         command = "id -un > ~/rdp-typed.txt; echo typed over RDP >> ~/rdp-typed.txt"
+        win = self.window()
+        print(f"  the pointer over the session's terminal (+{win['x'] + 20}+{win['y'] + 20}): the session has no window "
+              "manager, its keyboard goes to the window under its pointer")
+        self.client.focus()
+        self.client.point(win["x"] + 20, win["y"] + 20)
         print(f"  xdotool type on the client's display: {command!r}, then Return")
-        self.client.type(command)
-        self.client.key("Return")
+        self.client.type(command, focus=False)
+        self.client.key("Return", focus=False)
         text = wait_for(lambda: result.exists() and result.read_text().endswith("RDP\n") and result.read_text(), 15,
                         f"{result}")
         print(f"  {result}: {text.strip()!r}")

@@ -234,12 +234,20 @@ class Client:
         self.screen.xdotool("mousemove", "--window", window, "5", "5")
         return window
 
-    def type(self, text):
-        self.focus()
+    def point(self, x, y):
+        """The pointer to (x, y) of the client's window, which is (x, y) of the remote screen: with no window
+        manager in the session either, the session's keyboard follows its pointer too."""
+        self.screen.xdotool("mousemove", "--window", self.window(), str(x), str(y))
+
+    def type(self, text, focus=True):
+        """Types into the client's window; focus=False leaves the pointer where point() put it."""
+        if focus:
+            self.focus()
         self.screen.xdotool("type", "--delay", "40", text)
 
-    def key(self, *names):
-        self.focus()
+    def key(self, *names, focus=True):
+        if focus:
+            self.focus()
         self.screen.xdotool("key", "--delay", "40", *names)
 
     def resize(self, width, height):
