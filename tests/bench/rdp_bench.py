@@ -62,6 +62,11 @@ class X:
                                  ctypes.c_char_p, ctypes.c_uint, ctypes.c_uint, ctypes.c_int, ctypes.c_int]
     lib.XPutImage.argtypes = [ctypes.c_void_p, ctypes.c_ulong, ctypes.c_void_p, ctypes.c_void_p, ctypes.c_int,
                               ctypes.c_int, ctypes.c_int, ctypes.c_int, ctypes.c_uint, ctypes.c_uint]
+    lib.XCreatePixmap.restype = ctypes.c_ulong
+    lib.XCreatePixmap.argtypes = [ctypes.c_void_p, ctypes.c_ulong, ctypes.c_uint, ctypes.c_uint, ctypes.c_uint]
+    lib.XSetWindowBackgroundPixmap.argtypes = [ctypes.c_void_p, ctypes.c_ulong, ctypes.c_ulong]
+    lib.XClearWindow.argtypes = [ctypes.c_void_p, ctypes.c_ulong]
+    lib.XFreePixmap.argtypes = [ctypes.c_void_p, ctypes.c_ulong]
     ZPIXMAP, ALL_PLANES = 2, 0xffffffff
 
     def __init__(self, display, xauthority=None):
@@ -74,11 +79,22 @@ class X:
         self.root = self.lib.XDefaultRootWindow(self.dpy)
         self.gc = self.lib.XDefaultGC(self.dpy, 0)
 
-    def fill(self, x, y, w, h, rgb, sync=True):
+    def fill(self, x, y, w, h, rgb, sync=True, drawable=None):
         self.lib.XSetForeground(self.dpy, self.gc, rgb)
-        self.lib.XFillRectangle(self.dpy, self.root, self.gc, x, y, w, h)
+        self.lib.XFillRectangle(self.dpy, drawable or self.root, self.gc, x, y, w, h)
         if sync:
             self.lib.XSync(self.dpy, 0)
+
+    def background(self, rectangles):
+        """Makes the filled rectangles [(x, y, w, h, rgb)] the root window's background picture, which the server
+        paints again by itself whenever the screen is cleared (a RandR size change at a reconnect is one)."""
+        pixmap = self.lib.XCreatePixmap(self.dpy, self.root, WIDTH, HEIGHT, 24)
+        for x, y, w, h, rgb in rectangles:
+            self.fill(x, y, w, h, rgb, sync=False, drawable=pixmap)
+        self.lib.XSetWindowBackgroundPixmap(self.dpy, self.root, pixmap)
+        self.lib.XFreePixmap(self.dpy, pixmap)
+        self.lib.XClearWindow(self.dpy, self.root)
+        self.lib.XSync(self.dpy, 0)
 
     def pixel(self, x, y):
         image = self.lib.XGetImage(self.dpy, self.root, x, y, 1, 1, self.ALL_PLANES, self.ZPIXMAP)
@@ -111,16 +127,13 @@ def percentile(values, share):
 
 
 def grid(session, shift=0):
-    """A 4x4 grid of palette colours over the whole screen; the probe points are the squares' centres."""
+    """A 4x4 grid of palette colours over the whole screen as the root window's background; the probe points are
+    the squares' centres."""
     w, h = WIDTH // 4, HEIGHT // 4
-    probes = []
-    for row in range(4):
-        for col in range(4):
-            colour = PALETTE[(row * 4 + col + shift) % len(PALETTE)]
-            session.fill(col * w, row * h, w, h, colour, sync=False)
-            probes.append((col * w + w // 2, row * h + h // 2, colour))
-    session.lib.XSync(session.dpy, 0)
-    return probes
+    squares = [(col * w, row * h, w, h, PALETTE[(row * 4 + col + shift) % len(PALETTE)])
+               for row in range(4) for col in range(4)]
+    session.background(squares)
+    return [(x + w // 2, y + h // 2, colour) for x, y, w, h, colour in squares]
 
 
 def transports():
@@ -165,11 +178,18 @@ class Bench:
         """Starts a client; seconds until every probe point shows its colour at the client."""
         started = time.monotonic()
         client = self.clients.connect(USER, PASSWORD, screen=self.screen, size=(WIDTH, HEIGHT), port=PORT)
-        wait(lambda: all(near(self.viewer.pixel(x, y), c) for x, y, c in probes) or not client.alive(), 60,
-             "the first full frame")
+        self.full_frame(client, probes)
         if not client.alive():
             raise RuntimeError(f"xfreerdp exited {client.proc.returncode}: {client.output()[-1500:]}")
         return client, time.monotonic() - started
+
+    def full_frame(self, client, probes):
+        try:
+            wait(lambda: all(near(self.viewer.pixel(x, y), c) for x, y, c in probes) or not client.alive(), 60,
+                 "the first full frame")
+        except RuntimeError as error:
+            looks = [(hex(c), hex(self.session.pixel(x, y)), hex(self.viewer.pixel(x, y))) for x, y, c in probes]
+            raise RuntimeError(f"{error}; (wanted, session, client) at the probe points: {looks}") from None
 
     def first_login(self):
         """The first login starts the session; its screen is the grid once the session exists."""
@@ -179,8 +199,7 @@ class Bench:
         info = json.loads(str(self.vexa("vexaSessionInfoJson", "u", sid)))
         self.session = wait(lambda: self._open(info), 30, "the session's display")
         probes = grid(self.session)
-        wait(lambda: all(near(self.viewer.pixel(x, y), c) for x, y, c in probes) or not client.alive(), 60,
-             "the first full frame")
+        self.full_frame(client, probes)
         elapsed = time.monotonic() - started
         if not client.alive():
             raise RuntimeError(f"xfreerdp exited {client.proc.returncode}: {client.output()[-1500:]}")
