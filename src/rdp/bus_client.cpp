@@ -129,8 +129,7 @@ void BusClient::proxySessionConnected(uint32_t session, uint32_t pid, const std:
 }
 
 bool BusClient::displayResize(uint32_t display, uint16_t width, uint16_t height, uint32_t timeoutSec) {
-    return readOne<int>(call(bus, "vexaDisplayResize", uint64_t{timeoutSec} * 1'000'000, "uqq", display, width,
-                             height),
+    return readOne<int>(call(bus, "vexaDisplayResize", uint64_t{timeoutSec} * 1'000'000, "uqq", display, width, height),
                         "vexaDisplayResize", "b")
                .value_or(0) != 0;
 }

@@ -48,8 +48,8 @@ bool readUnsigned(const Json::Value& json, const char* key, uint32_t min, uint32
     }
     const auto& value = json[key];
     if (!value.isIntegral() || !value.isUInt() || value.asUInt() < min || value.asUInt() > max) {
-        setError(error, std::string("not a number from ") + std::to_string(min) + " to " + std::to_string(max) +
-                            ": " + key);
+        setError(error,
+                 std::string("not a number from ") + std::to_string(min) + " to " + std::to_string(max) + ": " + key);
         return false;
     }
     out = value.asUInt();

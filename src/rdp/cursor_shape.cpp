@@ -6,8 +6,7 @@ namespace Vexa::Rdp {
 
 PointerMasks pointerMasks(const CursorImage& image, uint16_t maxSide) {
     PointerMasks masks;
-    if (image.width == 0 || image.height == 0 ||
-        image.pixels.size() < size_t{image.width} * image.height) {
+    if (image.width == 0 || image.height == 0 || image.pixels.size() < size_t{image.width} * image.height) {
         return masks;
     }
     masks.width = std::min(image.width, maxSide);

@@ -34,9 +34,9 @@ Rect bounding(const Rect& a, const Rect& b) noexcept {
 
 namespace {
 
-// Pixels the bounding box of the two adds beyond what they cover (their overlap counted once).
+// Pixels the bounding box of the two costs beyond sending both as they are (their overlap sent twice then).
 int64_t waste(const Rect& a, const Rect& b) noexcept {
-    return bounding(a, b).area() - (a.area() + b.area() - intersect(a, b).area());
+    return bounding(a, b).area() - (a.area() + b.area());
 }
 
 } // namespace

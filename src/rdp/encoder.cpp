@@ -67,7 +67,8 @@ Encoder::Encoder(rdpContext* ctx, bool allowRemoteFx) : context(ctx) {
         return;
     }
     if (settings->ColorDepth == 32) {
-        planar = freerdp_bitmap_planar_context_new(PLANAR_FORMAT_HEADER_RLE | PLANAR_FORMAT_HEADER_NA, tileSide, tileSide);
+        planar =
+            freerdp_bitmap_planar_context_new(PLANAR_FORMAT_HEADER_RLE | PLANAR_FORMAT_HEADER_NA, tileSide, tileSide);
         if (!planar) {
             throw std::runtime_error("freerdp_bitmap_planar_context_new failed");
         }
@@ -129,12 +130,12 @@ bool Encoder::sendRemoteFx(const uint8_t* frame, uint32_t stride, uint32_t width
     std::vector<RFX_RECT> rfxRects;
     rfxRects.reserve(rects.size());
     for (const auto& rect : rects) {
-        rfxRects.push_back({static_cast<UINT16>(rect.x), static_cast<UINT16>(rect.y),
-                            static_cast<UINT16>(rect.width), static_cast<UINT16>(rect.height)});
+        rfxRects.push_back({static_cast<UINT16>(rect.x), static_cast<UINT16>(rect.y), static_cast<UINT16>(rect.width),
+                            static_cast<UINT16>(rect.height)});
     }
     size_t count = 0;
-    RFX_MESSAGE* messages = rfx_encode_messages_ex(rfx, rfxRects.data(), rfxRects.size(), frame, width, height,
-                                                   stride, &count, maxUpdateSize());
+    RFX_MESSAGE* messages = rfx_encode_messages_ex(rfx, rfxRects.data(), rfxRects.size(), frame, width, height, stride,
+                                                   &count, maxUpdateSize());
     if (!messages) {
         Syslog::error("%s: %s failed", "Encoder::sendRemoteFx", "rfx_encode_messages_ex");
         return false;
@@ -213,8 +214,8 @@ bool Encoder::sendBitmaps(const uint8_t* frame, uint32_t stride, uint32_t width,
                 }
             }
             if (!data) {
-                Syslog::error("%s: %s failed, tile: %dx%d+%d+%d", "Encoder::sendBitmaps", codecName(codec_),
-                              tile.width, tile.height, tile.x, tile.y);
+                Syslog::error("%s: %s failed, tile: %dx%d+%d+%d", "Encoder::sendBitmaps", codecName(codec_), tile.width,
+                              tile.height, tile.x, tile.y);
                 flush();
                 return false;
             }

@@ -40,9 +40,9 @@ std::vector<PointerAction> pointerActions(uint16_t flags, uint16_t x, uint16_t y
     }
     const auto kind = (flags & PTR_FLAGS_DOWN) ? PointerAction::Press : PointerAction::Release;
     bool placed = flags & PTR_FLAGS_MOVE;
-    for (const auto& [flag, button] : {std::pair<uint16_t, uint8_t>{PTR_FLAGS_BUTTON1, 1},
-                                       std::pair<uint16_t, uint8_t>{PTR_FLAGS_BUTTON3, 2},
-                                       std::pair<uint16_t, uint8_t>{PTR_FLAGS_BUTTON2, 3}}) {
+    for (const auto& [flag, button] :
+         {std::pair<uint16_t, uint8_t>{PTR_FLAGS_BUTTON1, 1}, std::pair<uint16_t, uint8_t>{PTR_FLAGS_BUTTON3, 2},
+          std::pair<uint16_t, uint8_t>{PTR_FLAGS_BUTTON2, 3}}) {
         if (flags & flag) {
             if (!placed) {
                 out.push_back({PointerAction::Motion, 0, x, y});
@@ -57,8 +57,8 @@ std::vector<PointerAction> pointerActions(uint16_t flags, uint16_t x, uint16_t y
 std::vector<PointerAction> extendedPointerActions(uint16_t flags, uint16_t x, uint16_t y) {
     std::vector<PointerAction> out;
     const auto kind = (flags & PTR_XFLAGS_DOWN) ? PointerAction::Press : PointerAction::Release;
-    for (const auto& [flag, button] : {std::pair<uint16_t, uint8_t>{PTR_XFLAGS_BUTTON1, 8},
-                                       std::pair<uint16_t, uint8_t>{PTR_XFLAGS_BUTTON2, 9}}) {
+    for (const auto& [flag, button] :
+         {std::pair<uint16_t, uint8_t>{PTR_XFLAGS_BUTTON1, 8}, std::pair<uint16_t, uint8_t>{PTR_XFLAGS_BUTTON2, 9}}) {
         if (flags & flag) {
             out.push_back({PointerAction::Motion, 0, x, y});
             out.push_back({kind, button, 0, 0});

@@ -242,8 +242,8 @@ bool Connection::setUp() {
     update->RefreshRect = [](rdpContext* context, BYTE count, const RECTANGLE_16* areas) -> BOOL {
         Connection* self = ownerOf(context);
         for (BYTE i = 0; i < count; ++i) {
-            self->pending.push_back({areas[i].left, areas[i].top, areas[i].right - areas[i].left + 1,
-                                     areas[i].bottom - areas[i].top + 1});
+            self->pending.push_back(
+                {areas[i].left, areas[i].top, areas[i].right - areas[i].left + 1, areas[i].bottom - areas[i].top + 1});
         }
         return TRUE;
     };
@@ -311,8 +311,8 @@ bool Connection::postConnect() {
     logon.tls = settings->TlsSecurity && !settings->NlaSecurity;
     logon.rdp = settings->RdpSecurity && !settings->TlsSecurity && !settings->NlaSecurity;
     Syslog::info("%s: client: %s, user: `%s', domain: `%s', size: %ux%u, depth: %u, client build: %u", "postConnect",
-                 address.c_str(), logon.username.c_str(), logon.domain.c_str(), logon.width, logon.height,
-                 logon.depth, settings->ClientBuild);
+                 address.c_str(), logon.username.c_str(), logon.domain.c_str(), logon.width, logon.height, logon.depth,
+                 settings->ClientBuild);
     if (logon.username.empty() || logon.password.empty()) {
         wipe(logon.password);
         refuse(ERRINFO_SERVER_INSUFFICIENT_PRIVILEGES, LOGON_FAILED_OTHER,
@@ -352,7 +352,8 @@ bool Connection::attach(const LogonInfo& logon) {
     }
     display = static_cast<uint32_t>(info.getInteger("display"));
     const std::string xauthfile = info.getString("xauthfile");
-    const auto started = std::chrono::system_clock::time_point(std::chrono::seconds(info.getValue("started:timepoint").asInt64()));
+    const auto started =
+        std::chrono::system_clock::time_point(std::chrono::seconds(info.getValue("started:timepoint").asInt64()));
     const bool reconnect = started + 1s < requested;
     Syslog::info("%s: session id: %u, display: %u, %s", "attach", sessionId, display,
                  reconnect ? "running session" : "new session");
@@ -404,8 +405,8 @@ bool Connection::attach(const LogonInfo& logon) {
 
     inactivityLimit = bus->transportDisplayInactivity(display);
     const auto [redirect, clipboardLimit] = bus->transportDisplayPolicyRedirect(display);
-    Syslog::debug("%s: inactivity limit: %us, redirect policy: 0x%08x, clipboard limit: %u", "attach",
-                  inactivityLimit, redirect, clipboardLimit);
+    Syslog::debug("%s: inactivity limit: %us, redirect policy: 0x%08x, clipboard limit: %u", "attach", inactivityLimit,
+                  redirect, clipboardLimit);
     applyTcpKeepAlive();
     lastInput = Clock::now();
     return true;

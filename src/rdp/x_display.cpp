@@ -79,7 +79,8 @@ XDisplay::XDisplay(uint32_t display, const std::vector<uint8_t>& cookie) {
     own(xcb_xfixes_query_version_reply(conn, xcb_xfixes_query_version(conn, 5, 0), nullptr));
     own(xcb_damage_query_version_reply(conn, xcb_damage_query_version(conn, 1, 1), nullptr));
     auto shmVersion = own(xcb_shm_query_version_reply(conn, xcb_shm_query_version(conn), nullptr));
-    if (!shmVersion || shmVersion->major_version < 1 || (shmVersion->major_version == 1 && shmVersion->minor_version < 2)) {
+    if (!shmVersion || shmVersion->major_version < 1 ||
+        (shmVersion->major_version == 1 && shmVersion->minor_version < 2)) {
         throw std::runtime_error("MIT-SHM 1.2 (descriptor passing) missing");
     }
     own(xcb_randr_query_version_reply(conn, xcb_randr_query_version(conn, 1, 5), nullptr));
@@ -194,11 +195,11 @@ bool XDisplay::capture(const std::vector<Band>& bands) {
             continue;
         }
         const auto offset = static_cast<uint32_t>(rows.y) * stride();
-        auto reply = own(xcb_shm_get_image_reply(
-            conn,
-            xcb_shm_get_image(conn, root, 0, static_cast<int16_t>(rows.y), width_, static_cast<uint16_t>(rows.height),
-                              ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP, shmSeg, offset),
-            nullptr));
+        auto reply = own(xcb_shm_get_image_reply(conn,
+                                                 xcb_shm_get_image(conn, root, 0, static_cast<int16_t>(rows.y), width_,
+                                                                   static_cast<uint16_t>(rows.height), ~0u,
+                                                                   XCB_IMAGE_FORMAT_Z_PIXMAP, shmSeg, offset),
+                                                 nullptr));
         if (!reply) {
             return false;
         }
