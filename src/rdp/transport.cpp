@@ -631,7 +631,10 @@ int Connection::run() {
         signalfd_siginfo si{};
         if (read(signalFd, &si, sizeof(si)) == static_cast<ssize_t>(sizeof(si))) {
             Syslog::notice("%s: signal %u, ending the connection", "run", si.ssi_signo);
-            freerdp_set_error_info(peer->context->rdp, ERRINFO_DISCONNECTED_BY_OTHER_CONNECTION);
+            // The service ends a connection with SIGTERM when a new one replaces it, when an administrator
+            // disconnects the session, or after the idle time this transport reported.
+            freerdp_set_error_info(peer->context->rdp, inactivityReported ? ERRINFO_IDLE_TIMEOUT
+                                                                          : ERRINFO_DISCONNECTED_BY_OTHER_CONNECTION);
             freerdp_send_error_info(peer->context->rdp);
             break;
         }
