@@ -24,6 +24,7 @@
 #include <freerdp/locale/keyboard.h>
 #include <freerdp/peer.h>
 #include <freerdp/pointer.h>
+#include <freerdp/server/cliprdr.h>
 #include <freerdp/session.h>
 #include <winpr/synch.h>
 #include <winpr/wtsapi.h>
@@ -31,11 +32,13 @@
 #include "common/json_config.h"
 #include "common/logger.h"
 #include "rdp/bus_client.h"
+#include "rdp/clipboard_text.h"
 #include "rdp/cursor_shape.h"
 #include "rdp/damage_region.h"
 #include "rdp/encoder.h"
 #include "rdp/input_map.h"
 #include "rdp/logon.h"
+#include "rdp/x_clipboard.h"
 #include "rdp/x_display.h"
 #include "xcb/xauth_file.h"
 
@@ -110,6 +113,7 @@ public:
 
     ~Connection() {
         encoder.reset();
+        closeClipboard();
         if (vcm) {
             WTSCloseServer(vcm);
         }
@@ -150,6 +154,13 @@ private:
     void keyboard(UINT16 flags, UINT16 code);
     void mouse(const std::vector<PointerAction>& actions);
     void checkInactivity();
+    void openClipboard();
+    void closeClipboard();
+    ClipboardPolicy clipboardPolicyNow();
+    UINT clientFormatList(const CLIPRDR_FORMAT_LIST& list);
+    UINT clientFormatDataRequest(const CLIPRDR_FORMAT_DATA_REQUEST& request);
+    UINT clientFormatDataResponse(const CLIPRDR_FORMAT_DATA_RESPONSE& response);
+    void sendClipboardText(std::optional<std::string> text);
     void handleX();
     int timeoutMs() const;
 
@@ -164,6 +175,13 @@ private:
     std::unique_ptr<BusClient> bus;
     std::unique_ptr<XDisplay> x;
     std::unique_ptr<Encoder> encoder;
+    std::unique_ptr<XClipboard> xClipboard;
+    CliprdrServerContext* cliprdr = nullptr;
+    HANDLE cliprdrEvent = nullptr;
+    // The client's text is asked for; the client asked for ours.
+    bool clientTextRequested = false;
+    bool clientAwaitsText = false;
+    size_t clientTextLimit = 0;
 
     uint32_t sessionId = 0;
     uint32_t display = 0;
@@ -458,6 +476,9 @@ bool Connection::activate() {
         loggedCodec = true;
     }
     activated = true;
+    if (!cliprdr) {
+        openClipboard();
+    }
     pending.push_back({0, 0, x->width(), x->height()});
     cursorSerial = 0;
     sendCursor();
@@ -607,13 +628,180 @@ int Connection::timeoutMs() const {
     return timeout;
 }
 
+ClipboardPolicy Connection::clipboardPolicyNow() {
+    // Asked each time: an administrator may change the session's policy while the client is connected.
+    const auto [bits, limit] = bus->transportDisplayPolicyRedirect(display);
+    return clipboardPolicy(bits, limit);
+}
+
+void Connection::openClipboard() {
+    const ClipboardPolicy policy = clipboardPolicyNow();
+    if (!policy.clientToServer && !policy.serverToClient) {
+        Syslog::info("%s: session id: %u, clipboard not allowed either way", "openClipboard", sessionId);
+        return;
+    }
+    if (!WTSVirtualChannelManagerIsChannelJoined(vcm, CLIPRDR_SVC_CHANNEL_NAME)) {
+        Syslog::debug("%s: the client has no clipboard channel", "openClipboard");
+        return;
+    }
+    cliprdr = cliprdr_server_context_new(vcm);
+    if (!cliprdr) {
+        Syslog::error("%s: %s failed", "openClipboard", "cliprdr_server_context_new");
+        return;
+    }
+    cliprdr->custom = this;
+    cliprdr->rdpcontext = peer->context;
+    cliprdr->useLongFormatNames = TRUE;
+    cliprdr->streamFileClipEnabled = FALSE;
+    cliprdr->fileClipNoFilePaths = TRUE;
+    cliprdr->canLockClipData = FALSE;
+    cliprdr->autoInitializationSequence = FALSE;
+    cliprdr->ClientCapabilities = [](CliprdrServerContext*, const CLIPRDR_CAPABILITIES*) -> UINT {
+        return CHANNEL_RC_OK;
+    };
+    cliprdr->ClientFormatListResponse = [](CliprdrServerContext*, const CLIPRDR_FORMAT_LIST_RESPONSE*) -> UINT {
+        return CHANNEL_RC_OK;
+    };
+    cliprdr->ClientFormatList = [](CliprdrServerContext* context, const CLIPRDR_FORMAT_LIST* list) -> UINT {
+        return static_cast<Connection*>(context->custom)->clientFormatList(*list);
+    };
+    cliprdr->ClientFormatDataRequest = [](CliprdrServerContext* context,
+                                          const CLIPRDR_FORMAT_DATA_REQUEST* request) -> UINT {
+        return static_cast<Connection*>(context->custom)->clientFormatDataRequest(*request);
+    };
+    cliprdr->ClientFormatDataResponse = [](CliprdrServerContext* context,
+                                           const CLIPRDR_FORMAT_DATA_RESPONSE* response) -> UINT {
+        return static_cast<Connection*>(context->custom)->clientFormatDataResponse(*response);
+    };
+    if (cliprdr->Open(cliprdr) != CHANNEL_RC_OK) {
+        Syslog::error("%s: %s failed", "openClipboard", "cliprdr Open");
+        closeClipboard();
+        return;
+    }
+    cliprdrEvent = cliprdr->GetEventHandle(cliprdr);
+
+    CLIPRDR_GENERAL_CAPABILITY_SET general{};
+    general.capabilitySetType = CB_CAPSTYPE_GENERAL;
+    general.capabilitySetLength = CB_CAPSTYPE_GENERAL_LEN;
+    general.version = CB_CAPS_VERSION_2;
+    general.generalFlags = CB_USE_LONG_FORMAT_NAMES;
+    CLIPRDR_CAPABILITIES caps{};
+    caps.cCapabilitiesSets = 1;
+    caps.capabilitySets = reinterpret_cast<CLIPRDR_CAPABILITY_SET*>(&general);
+    CLIPRDR_MONITOR_READY ready{};
+    if (cliprdr->ServerCapabilities(cliprdr, &caps) != CHANNEL_RC_OK ||
+        cliprdr->MonitorReady(cliprdr, &ready) != CHANNEL_RC_OK) {
+        Syslog::error("%s: %s failed", "openClipboard", "cliprdr initialization");
+        closeClipboard();
+        return;
+    }
+    xClipboard = std::make_unique<XClipboard>(*x);
+    xClipboard->onOwnerChanged = [this] {
+        if (!cliprdr || !clipboardPolicyNow().serverToClient) {
+            return;
+        }
+        CLIPRDR_FORMAT format{formatUnicodeText, nullptr};
+        CLIPRDR_FORMAT_LIST list{};
+        list.msgType = CB_FORMAT_LIST;
+        list.numFormats = 1;
+        list.formats = &format;
+        cliprdr->ServerFormatList(cliprdr, &list);
+    };
+    xClipboard->onText = [this](std::optional<std::string> text) { sendClipboardText(std::move(text)); };
+    Syslog::info("%s: session id: %u, clipboard: client to server %s, server to client %s, limit: %zu", "openClipboard",
+                 sessionId, policy.clientToServer ? "allowed" : "denied", policy.serverToClient ? "allowed" : "denied",
+                 policy.limit);
+}
+
+void Connection::closeClipboard() {
+    xClipboard.reset();
+    if (cliprdr) {
+        if (cliprdrEvent) {
+            cliprdr->Close(cliprdr);
+        }
+        cliprdr_server_context_free(cliprdr);
+        cliprdr = nullptr;
+        cliprdrEvent = nullptr;
+    }
+}
+
+UINT Connection::clientFormatList(const CLIPRDR_FORMAT_LIST& list) {
+    CLIPRDR_FORMAT_LIST_RESPONSE response{};
+    response.msgType = CB_FORMAT_LIST_RESPONSE;
+    response.msgFlags = CB_RESPONSE_OK;
+    cliprdr->ServerFormatListResponse(cliprdr, &response);
+    std::vector<uint32_t> ids;
+    for (UINT32 i = 0; i < list.numFormats; ++i) {
+        ids.push_back(list.formats[i].formatId);
+    }
+    const uint32_t format = pickTextFormat(ids);
+    if (format == 0 || !clipboardPolicyNow().clientToServer) {
+        return CHANNEL_RC_OK;
+    }
+    CLIPRDR_FORMAT_DATA_REQUEST request{};
+    request.msgType = CB_FORMAT_DATA_REQUEST;
+    request.dataLen = 4;
+    request.requestedFormatId = format;
+    clientTextRequested = true;
+    return cliprdr->ServerFormatDataRequest(cliprdr, &request);
+}
+
+UINT Connection::clientFormatDataResponse(const CLIPRDR_FORMAT_DATA_RESPONSE& response) {
+    if (!clientTextRequested) {
+        return CHANNEL_RC_OK;
+    }
+    clientTextRequested = false;
+    const ClipboardPolicy policy = clipboardPolicyNow();
+    if (!(response.msgFlags & CB_RESPONSE_OK) || !response.requestedFormatData || !policy.clientToServer) {
+        return CHANNEL_RC_OK;
+    }
+    std::string text = utf16leToUtf8({response.requestedFormatData, response.dataLen}, policy.limit);
+    Syslog::debug("%s: client text: %u bytes, %zu bytes to X", "clientFormatDataResponse", response.dataLen,
+                  text.size());
+    xClipboard->setText(std::move(text));
+    return CHANNEL_RC_OK;
+}
+
+UINT Connection::clientFormatDataRequest(const CLIPRDR_FORMAT_DATA_REQUEST& request) {
+    const ClipboardPolicy policy = clipboardPolicyNow();
+    if (request.requestedFormatId != formatUnicodeText || !policy.serverToClient) {
+        sendClipboardText(std::nullopt);
+        return CHANNEL_RC_OK;
+    }
+    clientAwaitsText = true;
+    clientTextLimit = policy.limit;
+    // UTF-8 never takes more bytes than the UTF-16 it becomes, so the limit bounds what is read from X too.
+    xClipboard->requestText(policy.limit);
+    return CHANNEL_RC_OK;
+}
+
+void Connection::sendClipboardText(std::optional<std::string> text) {
+    if (!cliprdr) {
+        return;
+    }
+    CLIPRDR_FORMAT_DATA_RESPONSE response{};
+    response.msgType = CB_FORMAT_DATA_RESPONSE;
+    std::vector<uint8_t> data;
+    if (text && clientAwaitsText) {
+        data = utf8ToUtf16le(*text, clientTextLimit);
+        response.msgFlags = CB_RESPONSE_OK;
+        response.dataLen = static_cast<UINT32>(data.size());
+        response.requestedFormatData = data.data();
+        Syslog::debug("%s: X text: %zu bytes, %zu bytes to the client", "sendClipboardText", text->size(), data.size());
+    } else {
+        response.msgFlags = CB_RESPONSE_FAIL;
+    }
+    clientAwaitsText = false;
+    cliprdr->ServerFormatDataResponse(cliprdr, &response);
+}
+
 int Connection::run() {
     if (!setUp()) {
         return 1;
     }
     while (!terminated) {
         HANDLE handles[MAXIMUM_WAIT_OBJECTS];
-        DWORD count = peer->GetEventHandles(peer, handles, MAXIMUM_WAIT_OBJECTS - 3);
+        DWORD count = peer->GetEventHandles(peer, handles, MAXIMUM_WAIT_OBJECTS - 4);
         if (count == 0) {
             Syslog::error("%s: %s failed", "run", "GetEventHandles");
             break;
@@ -622,6 +810,9 @@ int Connection::run() {
         handles[count++] = signalEvent;
         if (xEvent) {
             handles[count++] = xEvent;
+        }
+        if (cliprdrEvent && count < MAXIMUM_WAIT_OBJECTS) {
+            handles[count++] = cliprdrEvent;
         }
         const DWORD status = WaitForMultipleObjects(count, handles, FALSE, static_cast<DWORD>(timeoutMs()));
         if (status == WAIT_FAILED) {
@@ -648,6 +839,11 @@ int Connection::run() {
         if (!WTSVirtualChannelManagerCheckFileDescriptor(vcm)) {
             Syslog::info("%s: %s failed", "run", "WTSVirtualChannelManagerCheckFileDescriptor");
             break;
+        }
+        if (cliprdr && WaitForSingleObject(cliprdrEvent, 0) == WAIT_OBJECT_0 &&
+            cliprdr->CheckEventHandle(cliprdr) != CHANNEL_RC_OK) {
+            Syslog::info("%s: clipboard channel closed", "run");
+            closeClipboard();
         }
         handleX();
         if (resizePending && x) {

@@ -152,6 +152,8 @@ XDisplay::Events XDisplay::dispatch() {
             damaged = true;
         } else if (type == xfixesEvent + XCB_XFIXES_CURSOR_NOTIFY) {
             events.cursorChanged = true;
+        } else if (otherEvents && otherEvents(event.get())) {
+            continue;
         } else if (type == randrEvent + XCB_RANDR_SCREEN_CHANGE_NOTIFY) {
             const auto* change = reinterpret_cast<const xcb_randr_screen_change_notify_event_t*>(event.get());
             const bool rotated = change->rotation & (XCB_RANDR_ROTATION_ROTATE_90 | XCB_RANDR_ROTATION_ROTATE_270);

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -50,6 +51,12 @@ public:
     uint32_t stride() const noexcept { return uint32_t{width_} * 4; }
 
     std::optional<CursorImage> cursorImage();
+
+    xcb_connection_t* connection() const noexcept { return conn; }
+    xcb_window_t rootWindow() const noexcept { return root; }
+    uint8_t xfixesFirstEvent() const noexcept { return xfixesEvent; }
+    // Events this class does not handle itself go here (the clipboard's); true when taken.
+    std::function<bool(const xcb_generic_event_t*)> otherEvents;
 
     void fakeMotion(uint16_t x, uint16_t y);
     void fakeButton(uint8_t button, bool press);

@@ -4,7 +4,7 @@
 # The real vexa.service with Xvfb sessions running xterm, the transport behind systemd-socket-activate as the
 # unprivileged vexa-rdp (groups vexa, vexa-xauth) on 127.0.0.1:3390, and Debian's xfreerdp in an Xvfb of its
 # own. CODEC: "rfx" (the default: RemoteFX offered and taken), "bitmap" (planar, 32 bpp) or "bitmap16"
-# (interleaved, 16 bpp). Phases: a logon that types into the session's xterm; a wrong password; a reconnect at
+# (interleaved, 16 bpp). Phases: a logon that types into the session's xterm and copies text both ways; a wrong password; a reconnect at
 # another size; SIGTERM to a transport; the inactivity limit. Output in OUT: run.log (the findings),
 # client.png and session.png (both screens after the first logon), transport.log, client-*.log, journal.json.
 set -u
@@ -123,6 +123,13 @@ pnmtopng </tmp/session.ppm >"$out/session.png"
 xwd -root -silent -display :77 | xwdtopnm 2>/dev/null | pamcut -left 0 -top 0 -width 1024 -height 768 >/tmp/client.ppm
 echo "client vs session: $(pnmpsnr /tmp/client.ppm /tmp/session.ppm 2>&1 | sed 's/pnmpsnr: *//' | tr '\n' ' ')"
 echo "typed file: $(cat /tmp/rdp-typed 2>&1)"
+# The clipboard both ways (xclip -i stays in the background serving its selection).
+printf 'From-the-session\nline two ü' | XAUTHORITY=/run/vexa/xauth_$disp xclip -selection clipboard -i -display ":$disp"
+sleep 1
+echo "client's clipboard: $(timeout 5 xclip -selection clipboard -o -display :77 2>&1 | tr '\n' '|')"
+printf 'From-the-client €' | xclip -selection clipboard -i -display :77
+sleep 1
+echo "session's clipboard: $(XAUTHORITY=/run/vexa/xauth_$disp timeout 5 xclip -selection clipboard -o -display ":$disp" 2>&1)"
 kill "$client"
 wait_log 1 'run: client .* left' || echo "FAIL: transport did not see the client leave"
 sleep 1
