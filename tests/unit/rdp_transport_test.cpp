@@ -15,6 +15,7 @@
 
 #include "common/json_config.h"
 #include "rdp/bus_client.h"
+#include "rdp/clipboard_text.h"
 #include "rdp/config.h"
 #include "rdp/cursor_shape.h"
 #include "rdp/damage_region.h"
@@ -470,4 +471,104 @@ TEST(RdpBusCalls, SignaturesMatchTheInterfaceDescription) {
         EXPECT_EQ(found->second.first, m.in);
         EXPECT_EQ(found->second.second, m.out);
     }
+}
+
+namespace {
+
+std::vector<uint8_t> utf16(std::u16string_view text) {
+    std::vector<uint8_t> out;
+    for (char16_t u : text) {
+        out.push_back(static_cast<uint8_t>(u & 0xff));
+        out.push_back(static_cast<uint8_t>(u >> 8));
+    }
+    return out;
+}
+
+} // namespace
+
+TEST(ClipboardText, ClientTextBecomesUtf8WithinTheLimit) {
+    struct Case {
+        const char* name;
+        std::vector<uint8_t> data;
+        size_t limit;
+        std::string expect;
+    };
+    const Case cases[] = {
+        {"plain", utf16(u"hello"), 100, "hello"},
+        {"CRLF to LF, lone CR kept", utf16(u"a\r\nb\rc\n"), 100, "a\nb\rc\n"},
+        {"stops at NUL", utf16(std::u16string(u"ab\0cd", 5)), 100, "ab"},
+        {"two and three byte forms", utf16(u"ü€"), 100, "\xc3\xbc\xe2\x82\xac"},
+        {"surrogate pair", utf16(u"\U0001F600"), 100, "\xf0\x9f\x98\x80"},
+        {"lone high surrogate", utf16(std::u16string{0xd83d, u'x'}), 100, "\xef\xbf\xbdx"},
+        {"lone low surrogate", utf16(std::u16string{0xde00}), 100, "\xef\xbf\xbd"},
+        {"high surrogate at the end", utf16(std::u16string{u'a', 0xd83d}), 100, "a\xef\xbf\xbd"},
+        {"odd last byte ignored", {'a', 0, 'b'}, 100, "a"},
+        {"limit cuts between characters", utf16(u"a€b"), 3, "a"},
+        {"limit exactly", utf16(u"a€"), 4, "a\xe2\x82\xac"},
+        {"zero limit", utf16(u"abc"), 0, ""},
+        {"empty", {}, 100, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(utf16leToUtf8(c.data, c.limit), c.expect);
+    }
+}
+
+TEST(ClipboardText, XTextBecomesTerminatedUtf16WithinTheLimit) {
+    struct Case {
+        const char* name;
+        std::string_view text;
+        size_t limit;
+        std::u16string expect; // without the terminator
+    };
+    const Case cases[] = {
+        {"plain", "hi", 100, u"hi"},
+        {"LF to CRLF", "a\nb", 100, u"a\r\nb"},
+        {"CRLF kept as it is", "a\r\nb", 100, u"a\r\nb"},
+        {"multi-byte", "\xc3\xbc\xe2\x82\xac", 100, u"ü€"},
+        {"four-byte form to a pair", "\xf0\x9f\x98\x80", 100, u"\U0001F600"},
+        {"invalid lead", "a\xffz", 100, u"a\xfffdz"},
+        {"truncated sequence", "a\xe2\x82", 100, u"a\xfffd\xfffd"},
+        {"overlong form", "\xc0\xaf", 100, u"\xfffd\xfffd"},
+        {"encoded surrogate", "\xed\xa0\x80", 100, u"\xfffd\xfffd\xfffd"},
+        {"stops at NUL", std::string_view("ab\0c", 4), 100, u"ab"},
+        {"limit keeps the terminator", "abcdef", 8, u"abc"},
+        {"a pair is not split", "a\xf0\x9f\x98\x80", 6, u"a"},
+        {"CRLF is not split", "a\nb", 5, u"a"},
+        {"tiny limit gives the terminator alone", "abc", 1, u""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::u16string terminated(c.expect);
+        terminated.push_back(0);
+        EXPECT_EQ(utf8ToUtf16le(c.text, c.limit), utf16(terminated));
+    }
+}
+
+TEST(ClipboardText, PolicyBitsLimitAndFormats) {
+    struct Case {
+        uint32_t bits, limit;
+        bool toServer, toClient;
+        size_t expectLimit;
+    };
+    const Case cases[] = {
+        {0x08000000, 0, false, false, clipboardHardLimit},
+        {0x08000000 | (1u << 24), 100, true, false, 100},
+        {0x08000000 | (1u << 25), 100, false, true, 100},
+        {0x3f00002c, 0, true, true, clipboardHardLimit},
+        {(1u << 24) | (1u << 25), 0xffffffff, true, true, clipboardHardLimit},
+        {(1u << 26), 10, false, false, 10},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.bits);
+        const auto policy = clipboardPolicy(c.bits, c.limit);
+        EXPECT_EQ(policy.clientToServer, c.toServer);
+        EXPECT_EQ(policy.serverToClient, c.toClient);
+        EXPECT_EQ(policy.limit, c.expectLimit);
+    }
+    const uint32_t withUnicode[] = {1, 7, 13, 0xc0a1};
+    const uint32_t ansiOnly[] = {1, 7};
+    EXPECT_EQ(pickTextFormat(withUnicode), formatUnicodeText);
+    EXPECT_EQ(pickTextFormat(ansiOnly), 0u);
+    EXPECT_EQ(pickTextFormat({}), 0u);
 }
