@@ -1,0 +1,163 @@
+#include "rdp/bus_client.h"
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include <systemd/sd-bus.h>
+
+#include "common/logger.h"
+
+namespace Vexa::Rdp {
+
+namespace {
+
+constexpr const char* service = "ru.kelvo.vexa";
+constexpr const char* object = "/ru/kelvo/vexa";
+constexpr const char* interface = "ru.kelvo.vexa";
+// What sd-bus takes by default, for the calls that answer at once.
+constexpr uint64_t quickTimeoutUsec = 25'000'000;
+
+struct Message {
+    sd_bus_message* msg = nullptr;
+    ~Message() { sd_bus_message_unref(msg); }
+};
+
+struct Error {
+    sd_bus_error err = SD_BUS_ERROR_NULL;
+    ~Error() { sd_bus_error_free(&err); }
+};
+
+// Sends the call and waits for the reply; null on failure (logged).
+template <typename... Args>
+sd_bus_message* call(sd_bus* bus, const char* method, uint64_t timeoutUsec, const char* types, Args... args) {
+    Message request;
+    int r = sd_bus_message_new_method_call(bus, &request.msg, service, object, interface, method);
+    if (r >= 0) {
+        r = sd_bus_message_append(request.msg, types, args...);
+    }
+    if (r < 0) {
+        Syslog::error("%s: %s failed, error: %s, code: %d", method, "sd_bus_message_append", strerror(-r), -r);
+        return nullptr;
+    }
+    Error error;
+    sd_bus_message* reply = nullptr;
+    r = sd_bus_call(bus, request.msg, timeoutUsec, &error.err, &reply);
+    if (r < 0) {
+        Syslog::error("%s: %s failed, error: %s, code: %d", method, "sd_bus_call",
+                      error.err.message ? error.err.message : strerror(-r), -r);
+        return nullptr;
+    }
+    return reply;
+}
+
+template <typename T>
+std::optional<T> readOne(sd_bus_message* reply, const char* method, const char* type) {
+    Message owned{reply};
+    if (!reply) {
+        return std::nullopt;
+    }
+    T value{};
+    if (const int r = sd_bus_message_read(reply, type, &value); r < 0) {
+        Syslog::error("%s: %s failed, error: %s, code: %d", method, "sd_bus_message_read", strerror(-r), -r);
+        return std::nullopt;
+    }
+    return value;
+}
+
+std::pair<uint32_t, uint32_t> unpack(uint64_t pack) {
+    return {static_cast<uint32_t>(pack >> 32), static_cast<uint32_t>(pack & 0xffffffffu)};
+}
+
+} // namespace
+
+const std::vector<BusMethod>& busMethods() {
+    static const std::vector<BusMethod> table{
+        {"vexaSessionRequest", "s", "i"},
+        {"vexaSessionInfoJson", "u", "s"},
+        {"vexaConnectRdpTransport", "uu", "b"},
+        {"proxyClientConnected", "us", ""},
+        {"proxySessionConnected", "uus", ""},
+        {"vexaDisplayResize", "uqq", "b"},
+        {"vexaTransportDisplayInactivity", "u", "u"},
+        {"vexaTransportDisplayInactivityEvent", "u", ""},
+        {"vexaTransportDisplayShutdown", "u", ""},
+        {"vexaTransportDisplayPolicyRedirect", "u", "t"},
+        {"vexaTransportDisplayRdpKeepAlive", "u", "t"},
+    };
+    return table;
+}
+
+BusClient::BusClient() {
+    if (const int r = sd_bus_open_system(&bus); r < 0) {
+        throw std::runtime_error(std::string("sd_bus_open_system failed: ") + strerror(-r));
+    }
+}
+
+BusClient::~BusClient() {
+    sd_bus_flush_close_unref(bus);
+}
+
+int32_t BusClient::sessionRequest(const std::string& params, uint32_t timeoutSec) {
+    return readOne<int32_t>(call(bus, "vexaSessionRequest", uint64_t{timeoutSec} * 1'000'000, "s", params.c_str()),
+                            "vexaSessionRequest", "i")
+        .value_or(-4);
+}
+
+std::string BusClient::sessionInfoJson(uint32_t session) {
+    Message reply{call(bus, "vexaSessionInfoJson", quickTimeoutUsec, "u", session)};
+    const char* text = nullptr;
+    if (!reply.msg || sd_bus_message_read(reply.msg, "s", &text) < 0 || !text) {
+        return {};
+    }
+    return text;
+}
+
+bool BusClient::connectRdpTransport(uint32_t session, uint32_t timeout) {
+    // sd-bus reads a boolean into an int.
+    return readOne<int>(call(bus, "vexaConnectRdpTransport", quickTimeoutUsec, "uu", session, timeout),
+                        "vexaConnectRdpTransport", "b")
+               .value_or(0) != 0;
+}
+
+void BusClient::proxyClientConnected(uint32_t session, const std::string& address) {
+    Message reply{call(bus, "proxyClientConnected", quickTimeoutUsec, "us", session, address.c_str())};
+}
+
+void BusClient::proxySessionConnected(uint32_t session, uint32_t pid, const std::string& address) {
+    Message reply{call(bus, "proxySessionConnected", quickTimeoutUsec, "uus", session, pid, address.c_str())};
+}
+
+bool BusClient::displayResize(uint32_t display, uint16_t width, uint16_t height, uint32_t timeoutSec) {
+    return readOne<int>(call(bus, "vexaDisplayResize", uint64_t{timeoutSec} * 1'000'000, "uqq", display, width, height),
+                        "vexaDisplayResize", "b")
+               .value_or(0) != 0;
+}
+
+uint32_t BusClient::transportDisplayInactivity(uint32_t display) {
+    return readOne<uint32_t>(call(bus, "vexaTransportDisplayInactivity", quickTimeoutUsec, "u", display),
+                             "vexaTransportDisplayInactivity", "u")
+        .value_or(0);
+}
+
+void BusClient::transportDisplayInactivityEvent(uint32_t display) {
+    Message reply{call(bus, "vexaTransportDisplayInactivityEvent", quickTimeoutUsec, "u", display)};
+}
+
+void BusClient::transportDisplayShutdown(uint32_t display) {
+    Message reply{call(bus, "vexaTransportDisplayShutdown", quickTimeoutUsec, "u", display)};
+}
+
+std::pair<uint32_t, uint32_t> BusClient::transportDisplayPolicyRedirect(uint32_t display) {
+    return unpack(readOne<uint64_t>(call(bus, "vexaTransportDisplayPolicyRedirect", quickTimeoutUsec, "u", display),
+                                    "vexaTransportDisplayPolicyRedirect", "t")
+                      .value_or(0));
+}
+
+std::pair<uint32_t, uint32_t> BusClient::transportDisplayRdpKeepAlive(uint32_t display) {
+    return unpack(readOne<uint64_t>(call(bus, "vexaTransportDisplayRdpKeepAlive", quickTimeoutUsec, "u", display),
+                                    "vexaTransportDisplayRdpKeepAlive", "t")
+                      .value_or(0));
+}
+
+} // namespace Vexa::Rdp

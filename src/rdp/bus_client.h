@@ -1,0 +1,52 @@
+#pragma once
+
+// The transport's calls to the session service on the system bus (sd-bus). Blocking calls, one thread: the
+// event loop's. Every call logs its own failure and returns the failure value the service itself uses for it.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct sd_bus;
+
+namespace Vexa::Rdp {
+
+// One method of the interface as this client calls it: its name and D-Bus signatures. The table is checked
+// against the interface description by the unit tests.
+struct BusMethod {
+    std::string_view name;
+    std::string_view in;
+    std::string_view out;
+};
+const std::vector<BusMethod>& busMethods();
+
+class BusClient {
+public:
+    // Connects to the system bus (DBUS_SYSTEM_BUS_ADDRESS honoured); throws std::runtime_error when it cannot.
+    BusClient();
+    ~BusClient();
+    BusClient(const BusClient&) = delete;
+    BusClient& operator=(const BusClient&) = delete;
+
+    // The session id (positive) or the service's negative code; -4 when the call itself failed.
+    int32_t sessionRequest(const std::string& params, uint32_t timeoutSec);
+    std::string sessionInfoJson(uint32_t session);
+    bool connectRdpTransport(uint32_t session, uint32_t timeout);
+    void proxyClientConnected(uint32_t session, const std::string& address);
+    void proxySessionConnected(uint32_t session, uint32_t pid, const std::string& address);
+    bool displayResize(uint32_t display, uint16_t width, uint16_t height, uint32_t timeoutSec);
+    uint32_t transportDisplayInactivity(uint32_t display);
+    void transportDisplayInactivityEvent(uint32_t display);
+    void transportDisplayShutdown(uint32_t display);
+    // (redirect bits, clipboard limit in bytes).
+    std::pair<uint32_t, uint32_t> transportDisplayPolicyRedirect(uint32_t display);
+    // (failures, interval in seconds).
+    std::pair<uint32_t, uint32_t> transportDisplayRdpKeepAlive(uint32_t display);
+
+private:
+    sd_bus* bus = nullptr;
+};
+
+} // namespace Vexa::Rdp

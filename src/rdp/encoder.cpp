@@ -1,0 +1,249 @@
+#include "rdp/encoder.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <stdexcept>
+
+#include <freerdp/codec/color.h>
+#include <freerdp/constants.h>
+#include <freerdp/update.h>
+#include <winpr/stream.h>
+
+#include "common/logger.h"
+
+namespace Vexa::Rdp {
+
+namespace {
+
+constexpr int32_t tileSide = 64;
+// One fast-path update fits this without the client's multi-fragment support.
+constexpr size_t singlePduSize = 0x3f00;
+// Room for the update's own headers.
+constexpr size_t headerRoom = 1024;
+
+// Bitmaps of the RDP bitmap update start on 4-pixel columns and are a multiple of 4 pixels wide, where the screen
+// allows it.
+Rect alignColumns(const Rect& rect, int32_t screenWidth) {
+    const int32_t left = rect.x & ~3;
+    int32_t right = (rect.right() + 3) & ~3;
+    if (right > screenWidth) {
+        right = screenWidth;
+    }
+    return {left, rect.y, right - left, rect.height};
+}
+
+} // namespace
+
+const char* codecName(Codec codec) noexcept {
+    switch (codec) {
+    case Codec::RemoteFx:
+        return "RemoteFX";
+    case Codec::Planar:
+        return "planar";
+    case Codec::Interleaved:
+        return "interleaved";
+    }
+    return "unknown";
+}
+
+Encoder::Encoder(rdpContext* ctx, bool allowRemoteFx) : context(ctx) {
+    rdpSettings* settings = context->settings;
+    stream = Stream_New(nullptr, 64 * 1024);
+    if (!stream) {
+        throw std::runtime_error("Stream_New failed");
+    }
+    if (allowRemoteFx && settings->RemoteFxCodec && settings->SurfaceCommandsEnabled) {
+        rfx = rfx_context_new(TRUE);
+        if (!rfx) {
+            throw std::runtime_error("rfx_context_new failed");
+        }
+        rfx->mode = static_cast<RLGR_MODE>(settings->RemoteFxCodecMode);
+        rfx_context_set_pixel_format(rfx, PIXEL_FORMAT_BGRX32);
+        if (!rfx_context_reset(rfx, settings->DesktopWidth, settings->DesktopHeight)) {
+            throw std::runtime_error("rfx_context_reset failed");
+        }
+        codec_ = Codec::RemoteFx;
+        bpp = 32;
+        return;
+    }
+    if (settings->ColorDepth == 32) {
+        planar =
+            freerdp_bitmap_planar_context_new(PLANAR_FORMAT_HEADER_RLE | PLANAR_FORMAT_HEADER_NA, tileSide, tileSide);
+        if (!planar) {
+            throw std::runtime_error("freerdp_bitmap_planar_context_new failed");
+        }
+        codec_ = Codec::Planar;
+        bpp = 32;
+        return;
+    }
+    interleaved = bitmap_interleaved_context_new(TRUE);
+    if (!interleaved) {
+        throw std::runtime_error("bitmap_interleaved_context_new failed");
+    }
+    codec_ = Codec::Interleaved;
+    // Interleaved RLE knows 8, 15, 16 and 24 bits a pixel; 8 would need a palette of our own.
+    bpp = std::clamp<uint32_t>(settings->ColorDepth, 15, 24);
+    if (bpp > 16 && bpp < 24) {
+        bpp = 16;
+    }
+}
+
+Encoder::~Encoder() {
+    if (rfx) {
+        rfx_context_free(rfx);
+    }
+    if (planar) {
+        freerdp_bitmap_planar_context_free(planar);
+    }
+    if (interleaved) {
+        bitmap_interleaved_context_free(interleaved);
+    }
+    Stream_Free(stream, TRUE);
+}
+
+void Encoder::resize(uint32_t width, uint32_t height) {
+    if (rfx) {
+        rfx_context_reset(rfx, width, height);
+    }
+}
+
+size_t Encoder::maxUpdateSize() const noexcept {
+    const size_t multifrag = context->settings->MultifragMaxRequestSize;
+    return std::max(multifrag, singlePduSize) - headerRoom;
+}
+
+bool Encoder::send(const uint8_t* frame, uint32_t stride, uint32_t width, uint32_t height,
+                   const std::vector<Rect>& rects) {
+    if (rects.empty()) {
+        return true;
+    }
+    const bool ok = codec_ == Codec::RemoteFx ? sendRemoteFx(frame, stride, width, height, rects)
+                                              : sendBitmaps(frame, stride, width, height, rects);
+    if (ok) {
+        ++frames;
+    }
+    return ok;
+}
+
+bool Encoder::sendRemoteFx(const uint8_t* frame, uint32_t stride, uint32_t width, uint32_t height,
+                           const std::vector<Rect>& rects) {
+    std::vector<RFX_RECT> rfxRects;
+    rfxRects.reserve(rects.size());
+    for (const auto& rect : rects) {
+        rfxRects.push_back({static_cast<UINT16>(rect.x), static_cast<UINT16>(rect.y), static_cast<UINT16>(rect.width),
+                            static_cast<UINT16>(rect.height)});
+    }
+    size_t count = 0;
+    RFX_MESSAGE* messages = rfx_encode_messages_ex(rfx, rfxRects.data(), rfxRects.size(), frame, width, height, stride,
+                                                   &count, maxUpdateSize());
+    if (!messages) {
+        Syslog::error("%s: %s failed", "Encoder::sendRemoteFx", "rfx_encode_messages_ex");
+        return false;
+    }
+    rdpUpdate* update = context->update;
+    bool ok = true;
+    const SURFACE_FRAME_MARKER begin{SURFACECMD_FRAMEACTION_BEGIN, ++frameId};
+    ok = update->SurfaceFrameMarker(context, &begin);
+    for (size_t i = 0; i < count; ++i) {
+        if (ok) {
+            Stream_SetPosition(stream, 0);
+            ok = rfx_write_message(rfx, stream, &messages[i]);
+            if (ok) {
+                SURFACE_BITS_COMMAND cmd{};
+                cmd.cmdType = CMDTYPE_STREAM_SURFACE_BITS;
+                cmd.destLeft = 0;
+                cmd.destTop = 0;
+                cmd.destRight = width;
+                cmd.destBottom = height;
+                cmd.bmp.bpp = 32;
+                cmd.bmp.codecID = static_cast<UINT16>(context->settings->RemoteFxCodecId);
+                cmd.bmp.width = static_cast<UINT16>(width);
+                cmd.bmp.height = static_cast<UINT16>(height);
+                cmd.bmp.bitmapDataLength = static_cast<UINT32>(Stream_GetPosition(stream));
+                cmd.bmp.bitmapData = Stream_Buffer(stream);
+                bytes += cmd.bmp.bitmapDataLength;
+                ok = update->SurfaceBits(context, &cmd);
+            }
+        }
+        rfx_message_free(rfx, &messages[i]);
+    }
+    free(messages);
+    const SURFACE_FRAME_MARKER end{SURFACECMD_FRAMEACTION_END, frameId};
+    return update->SurfaceFrameMarker(context, &end) && ok;
+}
+
+bool Encoder::sendBitmaps(const uint8_t* frame, uint32_t stride, uint32_t width, uint32_t height,
+                          const std::vector<Rect>& rects) {
+    const Rect screen{0, 0, static_cast<int32_t>(width), static_cast<int32_t>(height)};
+    const size_t limit = maxUpdateSize();
+    std::vector<BITMAP_DATA> batch;
+    std::vector<BYTE*> buffers;
+    size_t batchBytes = 0;
+    bool ok = true;
+
+    auto flush = [&]() {
+        if (!batch.empty() && ok) {
+            BITMAP_UPDATE update{};
+            update.count = update.number = static_cast<UINT32>(batch.size());
+            update.rectangles = batch.data();
+            ok = context->update->BitmapUpdate(context, &update);
+        }
+        for (BYTE* buffer : buffers) {
+            free(buffer);
+        }
+        batch.clear();
+        buffers.clear();
+        batchBytes = 0;
+    };
+
+    for (const auto& rect : rects) {
+        for (const auto& tile : tileRect(intersect(alignColumns(rect, screen.width), screen), tileSide)) {
+            const uint8_t* src = frame + static_cast<size_t>(tile.y) * stride + static_cast<size_t>(tile.x) * 4;
+            BYTE* data = nullptr;
+            UINT32 size = 0;
+            if (codec_ == Codec::Planar) {
+                data = freerdp_bitmap_compress_planar(planar, src, PIXEL_FORMAT_BGRX32, tile.width, tile.height, stride,
+                                                      nullptr, &size);
+            } else {
+                size = static_cast<UINT32>(tile.width * tile.height * 4 + 64);
+                data = static_cast<BYTE*>(malloc(size));
+                if (data && !interleaved_compress(interleaved, data, &size, tile.width, tile.height, frame,
+                                                  PIXEL_FORMAT_BGRX32, stride, tile.x, tile.y, nullptr, bpp)) {
+                    free(data);
+                    data = nullptr;
+                }
+            }
+            if (!data) {
+                Syslog::error("%s: %s failed, tile: %dx%d+%d+%d", "Encoder::sendBitmaps", codecName(codec_), tile.width,
+                              tile.height, tile.x, tile.y);
+                flush();
+                return false;
+            }
+            if (batchBytes + size > limit) {
+                flush();
+            }
+            BITMAP_DATA bitmap{};
+            bitmap.destLeft = tile.x;
+            bitmap.destTop = tile.y;
+            bitmap.destRight = tile.right() - 1;
+            bitmap.destBottom = tile.bottom() - 1;
+            bitmap.width = tile.width;
+            bitmap.height = tile.height;
+            bitmap.bitsPerPixel = bpp;
+            bitmap.compressed = TRUE;
+            bitmap.bitmapLength = size;
+            bitmap.bitmapDataStream = data;
+            bitmap.cbScanWidth = tile.width * ((bpp + 7) / 8);
+            bitmap.cbUncompressedSize = bitmap.cbScanWidth * tile.height;
+            bitmap.cbCompMainBodySize = size;
+            batch.push_back(bitmap);
+            buffers.push_back(data);
+            batchBytes += size;
+            bytes += size;
+        }
+    }
+    flush();
+    return ok;
+}
+
+} // namespace Vexa::Rdp

@@ -1,0 +1,78 @@
+#include "rdp/input_map.h"
+
+#include <freerdp/input.h>
+
+namespace Vexa::Rdp {
+
+namespace {
+
+void click(std::vector<PointerAction>& out, uint8_t button, unsigned count) {
+    for (unsigned i = 0; i < count; ++i) {
+        out.push_back({PointerAction::Press, button, 0, 0});
+        out.push_back({PointerAction::Release, button, 0, 0});
+    }
+}
+
+// Notches in a rotation value: its magnitude in steps of 120, at least one.
+unsigned notches(uint16_t flags) {
+    int rotation = flags & WheelRotationMask;
+    if (flags & PTR_FLAGS_WHEEL_NEGATIVE) {
+        // Nine-bit two's complement.
+        rotation = 0x200 - rotation;
+    }
+    const unsigned count = static_cast<unsigned>(rotation) / 120;
+    return count == 0 ? 1 : count;
+}
+
+} // namespace
+
+std::vector<PointerAction> pointerActions(uint16_t flags, uint16_t x, uint16_t y) {
+    std::vector<PointerAction> out;
+    if (flags & (PTR_FLAGS_WHEEL | PTR_FLAGS_HWHEEL)) {
+        const bool negative = flags & PTR_FLAGS_WHEEL_NEGATIVE;
+        // Vertical: positive turns away from the user (up, 4). Horizontal: positive turns right (7).
+        const uint8_t button = (flags & PTR_FLAGS_WHEEL) ? (negative ? 5 : 4) : (negative ? 6 : 7);
+        click(out, button, notches(flags));
+        return out;
+    }
+    if (flags & PTR_FLAGS_MOVE) {
+        out.push_back({PointerAction::Motion, 0, x, y});
+    }
+    const auto kind = (flags & PTR_FLAGS_DOWN) ? PointerAction::Press : PointerAction::Release;
+    bool placed = flags & PTR_FLAGS_MOVE;
+    for (const auto& [flag, button] :
+         {std::pair<uint16_t, uint8_t>{PTR_FLAGS_BUTTON1, 1}, std::pair<uint16_t, uint8_t>{PTR_FLAGS_BUTTON3, 2},
+          std::pair<uint16_t, uint8_t>{PTR_FLAGS_BUTTON2, 3}}) {
+        if (flags & flag) {
+            if (!placed) {
+                out.push_back({PointerAction::Motion, 0, x, y});
+                placed = true;
+            }
+            out.push_back({kind, button, 0, 0});
+        }
+    }
+    return out;
+}
+
+std::vector<PointerAction> extendedPointerActions(uint16_t flags, uint16_t x, uint16_t y) {
+    std::vector<PointerAction> out;
+    const auto kind = (flags & PTR_XFLAGS_DOWN) ? PointerAction::Press : PointerAction::Release;
+    for (const auto& [flag, button] :
+         {std::pair<uint16_t, uint8_t>{PTR_XFLAGS_BUTTON1, 8}, std::pair<uint16_t, uint8_t>{PTR_XFLAGS_BUTTON2, 9}}) {
+        if (flags & flag) {
+            out.push_back({PointerAction::Motion, 0, x, y});
+            out.push_back({kind, button, 0, 0});
+        }
+    }
+    return out;
+}
+
+KeyAction keyAction(uint16_t flags, uint8_t code) {
+    KeyAction action;
+    action.press = !(flags & KBD_FLAGS_RELEASE);
+    action.scancode = code;
+    action.extended = flags & KBD_FLAGS_EXTENDED;
+    return action;
+}
+
+} // namespace Vexa::Rdp

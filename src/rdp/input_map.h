@@ -1,0 +1,36 @@
+#pragma once
+
+// RDP pointer and keyboard events as the X events XTEST fakes. Pure, any thread.
+
+#include <cstdint>
+#include <vector>
+
+namespace Vexa::Rdp {
+
+struct PointerAction {
+    enum Kind : uint8_t { Motion, Press, Release } kind = Motion;
+    // X button number for Press and Release (1 left, 2 middle, 3 right, 4/5 wheel up/down, 6/7 left/right,
+    // 8/9 back/forward); the position for Motion.
+    uint8_t button = 0;
+    uint16_t x = 0, y = 0;
+    bool operator==(const PointerAction&) const = default;
+};
+
+// The X events for one RDP mouse event (flags PTR_FLAGS_*), in the order they are to be faked: the motion
+// first, so that a click lands where the client clicked. A wheel turn becomes one press and release per notch
+// of 120 (at least one).
+std::vector<PointerAction> pointerActions(uint16_t flags, uint16_t x, uint16_t y);
+// The same for an extended mouse event (PTR_XFLAGS_*: the back and forward buttons).
+std::vector<PointerAction> extendedPointerActions(uint16_t flags, uint16_t x, uint16_t y);
+
+struct KeyAction {
+    bool press = false;
+    // The RDP scancode with its extended flag, as FreeRDP's keyboard tables take it.
+    uint32_t scancode = 0;
+    bool extended = false;
+};
+
+// The key event for RDP keyboard flags (KBD_FLAGS_*) and code; a release flag wins over a down flag.
+KeyAction keyAction(uint16_t flags, uint8_t code);
+
+} // namespace Vexa::Rdp

@@ -1,0 +1,882 @@
+#include "rdp/transport.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <freerdp/channels/channels.h>
+#include <freerdp/channels/wtsvc.h>
+#include <freerdp/error.h>
+#include <freerdp/freerdp.h>
+#include <freerdp/locale/keyboard.h>
+#include <freerdp/peer.h>
+#include <freerdp/pointer.h>
+#include <freerdp/server/cliprdr.h>
+#include <freerdp/session.h>
+#include <winpr/synch.h>
+#include <winpr/wtsapi.h>
+
+#include "common/json_config.h"
+#include "common/logger.h"
+#include "rdp/bus_client.h"
+#include "rdp/clipboard_text.h"
+#include "rdp/cursor_shape.h"
+#include "rdp/damage_region.h"
+#include "rdp/encoder.h"
+#include "rdp/input_map.h"
+#include "rdp/logon.h"
+#include "rdp/x_clipboard.h"
+#include "rdp/x_display.h"
+#include "xcb/xauth_file.h"
+
+namespace Vexa::Rdp {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+// Rectangles one frame is merged into at most.
+constexpr size_t maxFrameRects = 16;
+
+class Connection;
+
+// The peer's context with a way back to the connection that owns it.
+struct PeerContext {
+    rdpContext base;
+    Connection* owner;
+};
+
+Connection* ownerOf(rdpContext* context) {
+    return reinterpret_cast<PeerContext*>(context)->owner;
+}
+
+std::string peerAddress(int fd) {
+    sockaddr_storage addr{};
+    socklen_t len = sizeof(addr);
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+        return "unknown";
+    }
+    char text[INET6_ADDRSTRLEN] = {};
+    if (addr.ss_family == AF_INET) {
+        inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(&addr)->sin_addr, text, sizeof(text));
+    } else if (addr.ss_family == AF_INET6) {
+        inet_ntop(AF_INET6, &reinterpret_cast<sockaddr_in6*>(&addr)->sin6_addr, text, sizeof(text));
+    } else {
+        return "local";
+    }
+    return text;
+}
+
+void wipe(std::string& text) {
+    explicit_bzero(text.data(), text.size());
+    text.clear();
+}
+
+void wipe(char* text) {
+    if (text) {
+        explicit_bzero(text, strlen(text));
+    }
+}
+
+class Connection {
+public:
+    Connection(int fd, const RdpConfig& cfg) : config(cfg), address(peerAddress(fd)) {
+        peer = freerdp_peer_new(fd);
+        if (!peer) {
+            close(fd);
+            throw std::runtime_error("freerdp_peer_new failed");
+        }
+        peer->ContextSize = sizeof(PeerContext);
+        peer->ContextNew = [](freerdp_peer*, rdpContext*) -> BOOL { return TRUE; };
+        peer->ContextFree = [](freerdp_peer*, rdpContext*) {};
+        if (!freerdp_peer_context_new(peer)) {
+            freerdp_peer_free(peer);
+            peer = nullptr;
+            throw std::runtime_error("freerdp_peer_context_new failed");
+        }
+        reinterpret_cast<PeerContext*>(peer->context)->owner = this;
+    }
+
+    ~Connection() {
+        encoder.reset();
+        closeClipboard();
+        if (vcm) {
+            WTSCloseServer(vcm);
+        }
+        if (peer) {
+            freerdp_peer_context_free(peer);
+            freerdp_peer_free(peer);
+        }
+        if (xEvent) {
+            CloseHandle(xEvent);
+        }
+        if (signalEvent) {
+            CloseHandle(signalEvent);
+        }
+        if (signalFd >= 0) {
+            close(signalFd);
+        }
+    }
+
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    int run();
+
+private:
+    bool setUp();
+    bool postConnect();
+    bool activate();
+    void refuse(uint32_t errorInfo, int64_t logonError, const char* reason);
+    bool attach(const LogonInfo& logon);
+    void applyTcpKeepAlive();
+    void sendCursor();
+    void sendFrame();
+    void desktopResize();
+    void noteInput() {
+        lastInput = Clock::now();
+        inactivityReported = false;
+    }
+    void keyboard(UINT16 flags, UINT16 code);
+    void mouse(const std::vector<PointerAction>& actions);
+    void checkInactivity();
+    void openClipboard();
+    void closeClipboard();
+    ClipboardPolicy clipboardPolicyNow();
+    UINT clientFormatList(const CLIPRDR_FORMAT_LIST& list);
+    UINT clientFormatDataRequest(const CLIPRDR_FORMAT_DATA_REQUEST& request);
+    UINT clientFormatDataResponse(const CLIPRDR_FORMAT_DATA_RESPONSE& response);
+    void sendClipboardText(std::optional<std::string> text);
+    void handleX();
+    int timeoutMs() const;
+
+    RdpConfig config;
+    std::string address;
+    freerdp_peer* peer = nullptr;
+    HANDLE vcm = nullptr;
+    int signalFd = -1;
+    HANDLE signalEvent = nullptr;
+    HANDLE xEvent = nullptr;
+
+    std::unique_ptr<BusClient> bus;
+    std::unique_ptr<XDisplay> x;
+    std::unique_ptr<Encoder> encoder;
+    std::unique_ptr<XClipboard> xClipboard;
+    CliprdrServerContext* cliprdr = nullptr;
+    HANDLE cliprdrEvent = nullptr;
+    // The client's text is asked for; the client asked for ours.
+    bool clientTextRequested = false;
+    bool clientAwaitsText = false;
+    size_t clientTextLimit = 0;
+
+    uint32_t sessionId = 0;
+    uint32_t display = 0;
+    bool attached = false;
+    bool activated = false;
+    bool suppressed = false;
+    bool resizePending = false;
+    bool loggedCodec = false;
+    bool terminated = false;
+    int exitCode = 0;
+
+    std::vector<Rect> pending;
+    Clock::time_point nextFrame{};
+    uint32_t cursorSerial = 0;
+
+    uint32_t inactivityLimit = 0;
+    bool inactivityReported = false;
+    Clock::time_point lastInput = Clock::now();
+};
+
+bool Connection::setUp() {
+    rdpSettings* settings = peer->settings;
+    if (access(config.certificate.c_str(), R_OK) != 0 || access(config.key.c_str(), R_OK) != 0) {
+        const bool certMissing = access(config.certificate.c_str(), R_OK) != 0;
+        const std::string& path = certMissing ? config.certificate : config.key;
+        Syslog::error("%s: cannot read the TLS %s `%s', error: %s", "setUp", certMissing ? "certificate" : "key",
+                      path.c_str(), strerror(errno));
+        return false;
+    }
+    if (!freerdp_settings_set_string(settings, FreeRDP_CertificateFile, config.certificate.c_str()) ||
+        !freerdp_settings_set_string(settings, FreeRDP_PrivateKeyFile, config.key.c_str())) {
+        Syslog::error("%s: %s failed", "setUp", "freerdp_settings_set_string");
+        return false;
+    }
+    if (config.securityRdp && !freerdp_settings_set_string(settings, FreeRDP_RdpKeyFile, config.key.c_str())) {
+        Syslog::error("%s: %s failed", "setUp", "freerdp_settings_set_string");
+        return false;
+    }
+    settings->RdpSecurity = config.securityRdp;
+    settings->TlsSecurity = config.securityTls;
+    settings->NlaSecurity = config.securityNla;
+    settings->EncryptionLevel = ENCRYPTION_LEVEL_CLIENT_COMPATIBLE;
+    settings->RemoteFxCodec = config.remoteFx;
+    settings->NSCodec = FALSE;
+    settings->SupportGraphicsPipeline = FALSE;
+    settings->ColorDepth = 32;
+    settings->SuppressOutput = TRUE;
+    settings->RefreshRect = TRUE;
+    settings->FrameMarkerCommandEnabled = TRUE;
+    settings->SurfaceFrameMarkerEnabled = TRUE;
+    settings->HasExtendedMouseEvent = TRUE;
+    settings->HasHorizontalWheel = TRUE;
+    settings->UnicodeInput = FALSE;
+    settings->DesktopResize = TRUE;
+
+    peer->PostConnect = [](freerdp_peer* p) -> BOOL { return ownerOf(p->context)->postConnect(); };
+    peer->Activate = [](freerdp_peer* p) -> BOOL { return ownerOf(p->context)->activate(); };
+
+    rdpInput* input = peer->input;
+    input->SynchronizeEvent = [](rdpInput*, UINT32) -> BOOL { return TRUE; };
+    input->KeyboardEvent = [](rdpInput* in, UINT16 flags, UINT16 code) -> BOOL {
+        ownerOf(in->context)->keyboard(flags, code);
+        return TRUE;
+    };
+    input->UnicodeKeyboardEvent = [](rdpInput*, UINT16, UINT16) -> BOOL { return TRUE; };
+    input->MouseEvent = [](rdpInput* in, UINT16 flags, UINT16 px, UINT16 py) -> BOOL {
+        ownerOf(in->context)->mouse(pointerActions(flags, px, py));
+        return TRUE;
+    };
+    input->ExtendedMouseEvent = [](rdpInput* in, UINT16 flags, UINT16 px, UINT16 py) -> BOOL {
+        ownerOf(in->context)->mouse(extendedPointerActions(flags, px, py));
+        return TRUE;
+    };
+
+    rdpUpdate* update = peer->update;
+    update->RefreshRect = [](rdpContext* context, BYTE count, const RECTANGLE_16* areas) -> BOOL {
+        Connection* self = ownerOf(context);
+        for (BYTE i = 0; i < count; ++i) {
+            self->pending.push_back(
+                {areas[i].left, areas[i].top, areas[i].right - areas[i].left + 1, areas[i].bottom - areas[i].top + 1});
+        }
+        return TRUE;
+    };
+    update->SuppressOutput = [](rdpContext* context, BYTE allow, const RECTANGLE_16*) -> BOOL {
+        Connection* self = ownerOf(context);
+        Syslog::debug("%s: output %s", "SuppressOutput", allow ? "allowed" : "suppressed");
+        self->suppressed = !allow;
+        if (allow && self->x) {
+            self->pending.push_back({0, 0, self->x->width(), self->x->height()});
+        }
+        return TRUE;
+    };
+    update->SurfaceFrameAcknowledge = [](rdpContext*, UINT32) -> BOOL { return TRUE; };
+
+    if (!peer->Initialize(peer)) {
+        Syslog::error("%s: %s failed", "setUp", "freerdp_peer Initialize");
+        return false;
+    }
+    vcm = WTSOpenServerA(reinterpret_cast<LPSTR>(peer->context));
+    if (!vcm || vcm == INVALID_HANDLE_VALUE) {
+        Syslog::error("%s: %s failed", "setUp", "WTSOpenServerA");
+        return false;
+    }
+
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGTERM);
+    sigaddset(&mask, SIGINT);
+    sigaddset(&mask, SIGHUP);
+    sigprocmask(SIG_BLOCK, &mask, nullptr);
+    signalFd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (signalFd < 0) {
+        Syslog::error("%s: %s failed, error: %s, code: %d", "setUp", "signalfd", strerror(errno), errno);
+        return false;
+    }
+    signalEvent = CreateFileDescriptorEvent(nullptr, FALSE, FALSE, signalFd, WINPR_FD_READ);
+    return signalEvent != nullptr;
+}
+
+void Connection::refuse(uint32_t errorInfo, int64_t logonError, const char* reason) {
+    Syslog::warning("%s: connection refused, address: %s, reason: %s", "logon", address.c_str(), reason);
+    if (logonError >= 0 && peer->update->SaveSessionInfo) {
+        logon_info_ex info{};
+        info.haveErrorInfo = TRUE;
+        info.ErrorNotificationType = static_cast<UINT32>(logonError);
+        info.ErrorNotificationData = LOGON_MSG_SESSION_TERMINATE;
+        peer->update->SaveSessionInfo(peer->context, INFO_TYPE_LOGON_EXTENDED_INF, &info);
+    }
+    freerdp_set_error_info(peer->context->rdp, errorInfo);
+    freerdp_send_error_info(peer->context->rdp);
+    exitCode = 1;
+}
+
+bool Connection::postConnect() {
+    rdpSettings* settings = peer->settings;
+    LogonInfo logon;
+    logon.username = settings->Username ? settings->Username : "";
+    logon.domain = settings->Domain ? settings->Domain : "";
+    logon.password = settings->Password ? settings->Password : "";
+    wipe(settings->Password);
+    logon.width = settings->DesktopWidth;
+    logon.height = settings->DesktopHeight;
+    logon.depth = settings->ColorDepth;
+    logon.nla = settings->NlaSecurity;
+    logon.tls = settings->TlsSecurity && !settings->NlaSecurity;
+    logon.rdp = settings->RdpSecurity && !settings->TlsSecurity && !settings->NlaSecurity;
+    Syslog::info("%s: client: %s, user: `%s', domain: `%s', size: %ux%u, depth: %u, client build: %u", "postConnect",
+                 address.c_str(), logon.username.c_str(), logon.domain.c_str(), logon.width, logon.height, logon.depth,
+                 settings->ClientBuild);
+    if (logon.username.empty() || logon.password.empty()) {
+        wipe(logon.password);
+        refuse(ERRINFO_SERVER_INSUFFICIENT_PRIVILEGES, LOGON_FAILED_OTHER,
+               "no user name or password given (auto-logon required, no login screen yet)");
+        return FALSE;
+    }
+    const bool ok = attach(logon);
+    wipe(logon.password);
+    return ok;
+}
+
+bool Connection::attach(const LogonInfo& logon) {
+    try {
+        bus = std::make_unique<BusClient>();
+    } catch (const std::exception& err) {
+        Syslog::error("%s: exception: %s", "attach", err.what());
+        refuse(ERRINFO_SERVER_DENIED_CONNECTION, -1, "system bus unreachable");
+        return false;
+    }
+    const auto requested = std::chrono::system_clock::now();
+    std::string params = sessionRequestJson(logon);
+    const int32_t reply = bus->sessionRequest(params, config.startTimeout);
+    wipe(params);
+    if (reply <= 0) {
+        const Refusal refusal = refusalFor(reply);
+        Syslog::notice("%s: session request refused, user: `%s', code: %d", "attach", logon.username.c_str(), reply);
+        refuse(refusal.errorInfo, refusal.logonError, refusal.reason);
+        return false;
+    }
+    sessionId = static_cast<uint32_t>(reply);
+
+    const std::string report = bus->sessionInfoJson(sessionId);
+    const JsonConfigString info(report);
+    if (!info.isValid() || !info.hasValue("display") || !info.hasValue("xauthfile")) {
+        refuse(ERRINFO_SERVER_DENIED_CONNECTION, -1, "no session report");
+        return false;
+    }
+    display = static_cast<uint32_t>(info.getInteger("display"));
+    const std::string xauthfile = info.getString("xauthfile");
+    const auto started =
+        std::chrono::system_clock::time_point(std::chrono::seconds(info.getValue("started:timepoint").asInt64()));
+    const bool reconnect = started + 1s < requested;
+    Syslog::info("%s: session id: %u, display: %u, %s", "attach", sessionId, display,
+                 reconnect ? "running session" : "new session");
+
+    if (reconnect) {
+        bus->proxyClientConnected(sessionId, address);
+    }
+    if (!bus->connectRdpTransport(sessionId, 0)) {
+        refuse(ERRINFO_SERVER_DENIED_CONNECTION, -1, "connect policy of the session");
+        sessionId = 0;
+        return false;
+    }
+    bus->proxySessionConnected(sessionId, static_cast<uint32_t>(getpid()), address);
+    attached = true;
+
+    const auto cookie = Utils::readXauthfile(xauthfile);
+    if (cookie.empty()) {
+        Syslog::error("%s: cannot read the X authority file `%s'", "attach", xauthfile.c_str());
+        refuse(ERRINFO_SERVER_DENIED_CONNECTION, -1, "X authority file unreadable");
+        return false;
+    }
+    try {
+        x = std::make_unique<XDisplay>(display, cookie);
+    } catch (const std::exception& err) {
+        Syslog::error("%s: exception: %s", "attach", err.what());
+        refuse(ERRINFO_SERVER_DENIED_CONNECTION, -1, "session display unreachable");
+        return false;
+    }
+    if (x->width() != logon.width || x->height() != logon.height) {
+        const bool resized = bus->displayResize(display, static_cast<uint16_t>(logon.width),
+                                                static_cast<uint16_t>(logon.height), config.startTimeout);
+        Syslog::info("%s: display: %u, size %ux%u, client %ux%u, resize: %s", "attach", display, x->width(),
+                     x->height(), logon.width, logon.height, resized ? "success" : "failed");
+        // The RandR notice of the new size arrives as an event and updates the frame buffer.
+        x->dispatch();
+    }
+    xEvent = CreateFileDescriptorEvent(nullptr, FALSE, FALSE, x->fd(), WINPR_FD_READ);
+    if (!xEvent) {
+        refuse(ERRINFO_SERVER_DENIED_CONNECTION, -1, "no event for the X connection");
+        return false;
+    }
+
+    // FreeRDP's keyboard tables look at the X server named by DISPLAY: the session's, with its cookie file.
+    const std::string displayName = ":" + std::to_string(display);
+    setenv("DISPLAY", displayName.c_str(), 1);
+    setenv("XAUTHORITY", xauthfile.c_str(), 1);
+    const DWORD layout = freerdp_keyboard_init(peer->settings->KeyboardLayout);
+    Syslog::debug("%s: keyboard layout: 0x%08x, client: 0x%08x", "attach", layout, peer->settings->KeyboardLayout);
+
+    inactivityLimit = bus->transportDisplayInactivity(display);
+    const auto [redirect, clipboardLimit] = bus->transportDisplayPolicyRedirect(display);
+    Syslog::debug("%s: inactivity limit: %us, redirect policy: 0x%08x, clipboard limit: %u", "attach", inactivityLimit,
+                  redirect, clipboardLimit);
+    applyTcpKeepAlive();
+    lastInput = Clock::now();
+    return true;
+}
+
+// The service's keep-alive policy (seconds between probes, probes missed before the connection is dropped)
+// applied to the connection's TCP socket: a vanished client is noticed without RDP traffic of its own.
+void Connection::applyTcpKeepAlive() {
+    const auto [failures, interval] = bus->transportDisplayRdpKeepAlive(display);
+    if (interval == 0 || failures == 0) {
+        return;
+    }
+    const int fd = peer->sockfd;
+    const int on = 1;
+    const int idle = static_cast<int>(interval);
+    const int count = static_cast<int>(failures);
+    if (setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on)) != 0 ||
+        setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle)) != 0 ||
+        setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &idle, sizeof(idle)) != 0 ||
+        setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof(count)) != 0) {
+        Syslog::debug("%s: %s failed, error: %s, code: %d", "applyTcpKeepAlive", "setsockopt", strerror(errno), errno);
+        return;
+    }
+    Syslog::debug("%s: interval: %us, failures: %u", "applyTcpKeepAlive", interval, failures);
+}
+
+bool Connection::activate() {
+    if (!x) {
+        return FALSE;
+    }
+    rdpSettings* settings = peer->settings;
+    if (settings->DesktopWidth != x->width() || settings->DesktopHeight != x->height()) {
+        if (settings->DesktopResize) {
+            resizePending = true;
+            return TRUE;
+        }
+        Syslog::warning("%s: client %ux%u cannot follow the display's %ux%u", "activate", settings->DesktopWidth,
+                        settings->DesktopHeight, x->width(), x->height());
+    }
+    try {
+        encoder = std::make_unique<Encoder>(peer->context, config.remoteFx);
+    } catch (const std::exception& err) {
+        Syslog::error("%s: exception: %s", "activate", err.what());
+        return FALSE;
+    }
+    if (!loggedCodec) {
+        Syslog::info("%s: session id: %u, codec: %s, depth: %u, multifrag: %u", "activate", sessionId,
+                     codecName(encoder->codec()), settings->ColorDepth, settings->MultifragMaxRequestSize);
+        loggedCodec = true;
+    }
+    activated = true;
+    if (!cliprdr) {
+        openClipboard();
+    }
+    pending.push_back({0, 0, x->width(), x->height()});
+    cursorSerial = 0;
+    sendCursor();
+    return TRUE;
+}
+
+void Connection::desktopResize() {
+    resizePending = false;
+    activated = false;
+    encoder.reset();
+    rdpSettings* settings = peer->settings;
+    Syslog::info("%s: %ux%u to %ux%u", "desktopResize", settings->DesktopWidth, settings->DesktopHeight, x->width(),
+                 x->height());
+    settings->DesktopWidth = x->width();
+    settings->DesktopHeight = x->height();
+    // The client confirms with a new activation.
+    peer->update->DesktopResize(peer->context);
+}
+
+void Connection::sendCursor() {
+    if (!activated) {
+        return;
+    }
+    const auto image = x->cursorImage();
+    if (!image || image->serial == cursorSerial) {
+        return;
+    }
+    cursorSerial = image->serial;
+    rdpPointerUpdate* pointer = peer->update->pointer;
+    PointerMasks masks = pointerMasks(*image);
+    if (masks.width == 0) {
+        const POINTER_SYSTEM_UPDATE hidden{SYSPTR_NULL};
+        pointer->PointerSystem(peer->context, &hidden);
+        return;
+    }
+    POINTER_NEW_UPDATE update{};
+    update.xorBpp = 32;
+    update.colorPtrAttr.cacheIndex = 0;
+    update.colorPtrAttr.xPos = std::min<uint32_t>(image->xhot, masks.width - 1);
+    update.colorPtrAttr.yPos = std::min<uint32_t>(image->yhot, masks.height - 1);
+    update.colorPtrAttr.width = masks.width;
+    update.colorPtrAttr.height = masks.height;
+    update.colorPtrAttr.lengthXorMask = static_cast<UINT32>(masks.xorMask.size());
+    update.colorPtrAttr.xorMaskData = masks.xorMask.data();
+    update.colorPtrAttr.lengthAndMask = static_cast<UINT32>(masks.andMask.size());
+    update.colorPtrAttr.andMaskData = masks.andMask.data();
+    pointer->PointerNew(peer->context, &update);
+}
+
+void Connection::sendFrame() {
+    const Rect screen{0, 0, x->width(), x->height()};
+    const auto rects = mergeRects(pending, screen, maxFrameRects);
+    pending.clear();
+    if (rects.empty()) {
+        return;
+    }
+    if (!x->capture(rowBands(rects))) {
+        Syslog::warning("%s: capture failed", "sendFrame");
+        return;
+    }
+    // A client that has not followed a size change yet gets only what its desktop holds.
+    const Rect client{0, 0, static_cast<int32_t>(peer->settings->DesktopWidth),
+                      static_cast<int32_t>(peer->settings->DesktopHeight)};
+    const auto shown = mergeRects(rects, client, maxFrameRects);
+    if (!encoder->send(x->frame(), x->stride(), x->width(), x->height(), shown)) {
+        Syslog::warning("%s: update refused by the connection", "sendFrame");
+    }
+    nextFrame = Clock::now() + std::chrono::microseconds(1'000'000 / config.frameRate);
+}
+
+void Connection::keyboard(UINT16 flags, UINT16 code) {
+    if (!x) {
+        return;
+    }
+    noteInput();
+    const KeyAction action = keyAction(flags, static_cast<uint8_t>(code));
+    const DWORD keycode = freerdp_keyboard_get_x11_keycode_from_rdp_scancode(action.scancode, action.extended);
+    if (keycode == 0 || keycode > 255) {
+        Syslog::debug("%s: no X key for scancode 0x%02x%s", "keyboard", action.scancode,
+                      action.extended ? " (extended)" : "");
+        return;
+    }
+    x->fakeKey(static_cast<uint8_t>(keycode), action.press);
+    x->flush();
+}
+
+void Connection::mouse(const std::vector<PointerAction>& actions) {
+    if (!x) {
+        return;
+    }
+    noteInput();
+    for (const auto& action : actions) {
+        switch (action.kind) {
+        case PointerAction::Motion:
+            x->fakeMotion(action.x, action.y);
+            break;
+        case PointerAction::Press:
+        case PointerAction::Release:
+            x->fakeButton(action.button, action.kind == PointerAction::Press);
+            break;
+        }
+    }
+    x->flush();
+}
+
+void Connection::checkInactivity() {
+    if (inactivityLimit == 0 || inactivityReported || !attached) {
+        return;
+    }
+    if (Clock::now() - lastInput > std::chrono::seconds(inactivityLimit)) {
+        Syslog::info("%s: display: %u, no input for %us", "checkInactivity", display, inactivityLimit);
+        inactivityReported = true;
+        bus->transportDisplayInactivityEvent(display);
+    }
+}
+
+void Connection::handleX() {
+    if (!x) {
+        return;
+    }
+    auto events = x->dispatch();
+    if (events.broken) {
+        Syslog::notice("%s: display: %u, X server gone", "handleX", display);
+        terminated = true;
+        return;
+    }
+    pending.insert(pending.end(), events.damage.begin(), events.damage.end());
+    if (events.screenResized) {
+        if (encoder) {
+            encoder->resize(x->width(), x->height());
+        }
+        if (activated && peer->settings->DesktopResize) {
+            resizePending = true;
+        }
+    }
+    if (events.cursorChanged) {
+        sendCursor();
+    }
+}
+
+int Connection::timeoutMs() const {
+    int timeout = 1000;
+    if (activated && !suppressed && !pending.empty()) {
+        const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(nextFrame - Clock::now()).count();
+        timeout = static_cast<int>(std::clamp<long long>(wait, 0, timeout));
+    }
+    return timeout;
+}
+
+ClipboardPolicy Connection::clipboardPolicyNow() {
+    // Asked each time: an administrator may change the session's policy while the client is connected.
+    const auto [bits, limit] = bus->transportDisplayPolicyRedirect(display);
+    return clipboardPolicy(bits, limit);
+}
+
+void Connection::openClipboard() {
+    const ClipboardPolicy policy = clipboardPolicyNow();
+    if (!policy.clientToServer && !policy.serverToClient) {
+        Syslog::info("%s: session id: %u, clipboard not allowed either way", "openClipboard", sessionId);
+        return;
+    }
+    if (!WTSVirtualChannelManagerIsChannelJoined(vcm, CLIPRDR_SVC_CHANNEL_NAME)) {
+        Syslog::debug("%s: the client has no clipboard channel", "openClipboard");
+        return;
+    }
+    cliprdr = cliprdr_server_context_new(vcm);
+    if (!cliprdr) {
+        Syslog::error("%s: %s failed", "openClipboard", "cliprdr_server_context_new");
+        return;
+    }
+    cliprdr->custom = this;
+    cliprdr->rdpcontext = peer->context;
+    cliprdr->useLongFormatNames = TRUE;
+    cliprdr->streamFileClipEnabled = FALSE;
+    cliprdr->fileClipNoFilePaths = TRUE;
+    cliprdr->canLockClipData = FALSE;
+    cliprdr->autoInitializationSequence = FALSE;
+    cliprdr->ClientCapabilities = [](CliprdrServerContext*, const CLIPRDR_CAPABILITIES*) -> UINT {
+        return CHANNEL_RC_OK;
+    };
+    cliprdr->ClientFormatListResponse = [](CliprdrServerContext*, const CLIPRDR_FORMAT_LIST_RESPONSE*) -> UINT {
+        return CHANNEL_RC_OK;
+    };
+    cliprdr->ClientFormatList = [](CliprdrServerContext* context, const CLIPRDR_FORMAT_LIST* list) -> UINT {
+        return static_cast<Connection*>(context->custom)->clientFormatList(*list);
+    };
+    cliprdr->ClientFormatDataRequest = [](CliprdrServerContext* context,
+                                          const CLIPRDR_FORMAT_DATA_REQUEST* request) -> UINT {
+        return static_cast<Connection*>(context->custom)->clientFormatDataRequest(*request);
+    };
+    cliprdr->ClientFormatDataResponse = [](CliprdrServerContext* context,
+                                           const CLIPRDR_FORMAT_DATA_RESPONSE* response) -> UINT {
+        return static_cast<Connection*>(context->custom)->clientFormatDataResponse(*response);
+    };
+    if (cliprdr->Open(cliprdr) != CHANNEL_RC_OK) {
+        Syslog::error("%s: %s failed", "openClipboard", "cliprdr Open");
+        closeClipboard();
+        return;
+    }
+    cliprdrEvent = cliprdr->GetEventHandle(cliprdr);
+
+    CLIPRDR_GENERAL_CAPABILITY_SET general{};
+    general.capabilitySetType = CB_CAPSTYPE_GENERAL;
+    general.capabilitySetLength = CB_CAPSTYPE_GENERAL_LEN;
+    general.version = CB_CAPS_VERSION_2;
+    general.generalFlags = CB_USE_LONG_FORMAT_NAMES;
+    CLIPRDR_CAPABILITIES caps{};
+    caps.cCapabilitiesSets = 1;
+    caps.capabilitySets = reinterpret_cast<CLIPRDR_CAPABILITY_SET*>(&general);
+    CLIPRDR_MONITOR_READY ready{};
+    if (cliprdr->ServerCapabilities(cliprdr, &caps) != CHANNEL_RC_OK ||
+        cliprdr->MonitorReady(cliprdr, &ready) != CHANNEL_RC_OK) {
+        Syslog::error("%s: %s failed", "openClipboard", "cliprdr initialization");
+        closeClipboard();
+        return;
+    }
+    xClipboard = std::make_unique<XClipboard>(*x);
+    xClipboard->onOwnerChanged = [this] {
+        if (!cliprdr || !clipboardPolicyNow().serverToClient) {
+            return;
+        }
+        CLIPRDR_FORMAT format{formatUnicodeText, nullptr};
+        CLIPRDR_FORMAT_LIST list{};
+        list.msgType = CB_FORMAT_LIST;
+        list.numFormats = 1;
+        list.formats = &format;
+        cliprdr->ServerFormatList(cliprdr, &list);
+    };
+    xClipboard->onText = [this](std::optional<std::string> text) { sendClipboardText(std::move(text)); };
+    Syslog::info("%s: session id: %u, clipboard: client to server %s, server to client %s, limit: %zu", "openClipboard",
+                 sessionId, policy.clientToServer ? "allowed" : "denied", policy.serverToClient ? "allowed" : "denied",
+                 policy.limit);
+}
+
+void Connection::closeClipboard() {
+    xClipboard.reset();
+    if (cliprdr) {
+        if (cliprdrEvent) {
+            cliprdr->Close(cliprdr);
+        }
+        cliprdr_server_context_free(cliprdr);
+        cliprdr = nullptr;
+        cliprdrEvent = nullptr;
+    }
+}
+
+UINT Connection::clientFormatList(const CLIPRDR_FORMAT_LIST& list) {
+    CLIPRDR_FORMAT_LIST_RESPONSE response{};
+    response.msgType = CB_FORMAT_LIST_RESPONSE;
+    response.msgFlags = CB_RESPONSE_OK;
+    cliprdr->ServerFormatListResponse(cliprdr, &response);
+    std::vector<uint32_t> ids;
+    for (UINT32 i = 0; i < list.numFormats; ++i) {
+        ids.push_back(list.formats[i].formatId);
+    }
+    const uint32_t format = pickTextFormat(ids);
+    if (format == 0 || !clipboardPolicyNow().clientToServer) {
+        return CHANNEL_RC_OK;
+    }
+    CLIPRDR_FORMAT_DATA_REQUEST request{};
+    request.msgType = CB_FORMAT_DATA_REQUEST;
+    request.dataLen = 4;
+    request.requestedFormatId = format;
+    clientTextRequested = true;
+    return cliprdr->ServerFormatDataRequest(cliprdr, &request);
+}
+
+UINT Connection::clientFormatDataResponse(const CLIPRDR_FORMAT_DATA_RESPONSE& response) {
+    if (!clientTextRequested) {
+        return CHANNEL_RC_OK;
+    }
+    clientTextRequested = false;
+    const ClipboardPolicy policy = clipboardPolicyNow();
+    if (!(response.msgFlags & CB_RESPONSE_OK) || !response.requestedFormatData || !policy.clientToServer) {
+        return CHANNEL_RC_OK;
+    }
+    std::string text = utf16leToUtf8({response.requestedFormatData, response.dataLen}, policy.limit);
+    Syslog::debug("%s: client text: %u bytes, %zu bytes to X", "clientFormatDataResponse", response.dataLen,
+                  text.size());
+    xClipboard->setText(std::move(text));
+    return CHANNEL_RC_OK;
+}
+
+UINT Connection::clientFormatDataRequest(const CLIPRDR_FORMAT_DATA_REQUEST& request) {
+    const ClipboardPolicy policy = clipboardPolicyNow();
+    if (request.requestedFormatId != formatUnicodeText || !policy.serverToClient) {
+        sendClipboardText(std::nullopt);
+        return CHANNEL_RC_OK;
+    }
+    clientAwaitsText = true;
+    clientTextLimit = policy.limit;
+    // UTF-8 never takes more bytes than the UTF-16 it becomes, so the limit bounds what is read from X too.
+    xClipboard->requestText(policy.limit);
+    return CHANNEL_RC_OK;
+}
+
+void Connection::sendClipboardText(std::optional<std::string> text) {
+    if (!cliprdr) {
+        return;
+    }
+    CLIPRDR_FORMAT_DATA_RESPONSE response{};
+    response.msgType = CB_FORMAT_DATA_RESPONSE;
+    std::vector<uint8_t> data;
+    if (text && clientAwaitsText) {
+        data = utf8ToUtf16le(*text, clientTextLimit);
+        response.msgFlags = CB_RESPONSE_OK;
+        response.dataLen = static_cast<UINT32>(data.size());
+        response.requestedFormatData = data.data();
+        Syslog::debug("%s: X text: %zu bytes, %zu bytes to the client", "sendClipboardText", text->size(), data.size());
+    } else {
+        response.msgFlags = CB_RESPONSE_FAIL;
+    }
+    clientAwaitsText = false;
+    cliprdr->ServerFormatDataResponse(cliprdr, &response);
+}
+
+int Connection::run() {
+    if (!setUp()) {
+        return 1;
+    }
+    while (!terminated) {
+        HANDLE handles[MAXIMUM_WAIT_OBJECTS];
+        DWORD count = peer->GetEventHandles(peer, handles, MAXIMUM_WAIT_OBJECTS - 4);
+        if (count == 0) {
+            Syslog::error("%s: %s failed", "run", "GetEventHandles");
+            break;
+        }
+        handles[count++] = WTSVirtualChannelManagerGetEventHandle(vcm);
+        handles[count++] = signalEvent;
+        if (xEvent) {
+            handles[count++] = xEvent;
+        }
+        if (cliprdrEvent && count < MAXIMUM_WAIT_OBJECTS) {
+            handles[count++] = cliprdrEvent;
+        }
+        const DWORD status = WaitForMultipleObjects(count, handles, FALSE, static_cast<DWORD>(timeoutMs()));
+        if (status == WAIT_FAILED) {
+            Syslog::error("%s: %s failed", "run", "WaitForMultipleObjects");
+            break;
+        }
+        signalfd_siginfo si{};
+        if (read(signalFd, &si, sizeof(si)) == static_cast<ssize_t>(sizeof(si))) {
+            Syslog::notice("%s: signal %u, ending the connection", "run", si.ssi_signo);
+            // The service ends a connection with SIGTERM when a new one replaces it, when an administrator
+            // disconnects the session, or after the idle time this transport reported.
+            freerdp_set_error_info(peer->context->rdp, inactivityReported ? ERRINFO_IDLE_TIMEOUT
+                                                                          : ERRINFO_DISCONNECTED_BY_OTHER_CONNECTION);
+            freerdp_send_error_info(peer->context->rdp);
+            break;
+        }
+        if (!peer->CheckFileDescriptor(peer)) {
+            Syslog::info("%s: client %s left", "run", address.c_str());
+            break;
+        }
+        if (exitCode != 0) {
+            break;
+        }
+        if (!WTSVirtualChannelManagerCheckFileDescriptor(vcm)) {
+            Syslog::info("%s: %s failed", "run", "WTSVirtualChannelManagerCheckFileDescriptor");
+            break;
+        }
+        if (cliprdr && WaitForSingleObject(cliprdrEvent, 0) == WAIT_OBJECT_0 &&
+            cliprdr->CheckEventHandle(cliprdr) != CHANNEL_RC_OK) {
+            Syslog::info("%s: clipboard channel closed", "run");
+            closeClipboard();
+        }
+        handleX();
+        if (resizePending && x) {
+            desktopResize();
+        }
+        if (activated && !suppressed && !pending.empty() && Clock::now() >= nextFrame) {
+            sendFrame();
+        }
+        checkInactivity();
+    }
+    peer->Disconnect(peer);
+    if (attached && bus) {
+        bus->transportDisplayShutdown(display);
+    }
+    if (encoder) {
+        Syslog::info("%s: session id: %u, frames: %llu, bytes: %llu", "run", sessionId,
+                     static_cast<unsigned long long>(encoder->framesSent()),
+                     static_cast<unsigned long long>(encoder->bytesSent()));
+    }
+    return exitCode;
+}
+
+} // namespace
+
+int serveConnection(int fd, const RdpConfig& config) {
+    WTSRegisterWtsApiFunctionTable(FreeRDP_InitWtsApi());
+    try {
+        Connection connection(fd, config);
+        return connection.run();
+    } catch (const std::exception& err) {
+        Syslog::error("%s: exception: %s", "serveConnection", err.what());
+        return 1;
+    }
+}
+
+} // namespace Vexa::Rdp

@@ -1,0 +1,15 @@
+#pragma once
+
+// The RDP transport: serves one accepted RDP connection. The client's logon asks the session service for a
+// session, the transport registers itself for it, attaches to the session's X display and serves its screen
+// and input until the client leaves, the X server ends or SIGTERM arrives.
+
+#include "rdp/config.h"
+
+namespace Vexa::Rdp {
+
+// Serves the connection on `fd` (taken over: closed when done) in this thread. The process's exit status:
+// 0 after a served connection, 1 when set-up or logon failed or was refused.
+int serveConnection(int fd, const RdpConfig& config);
+
+} // namespace Vexa::Rdp
