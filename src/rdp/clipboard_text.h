@@ -15,8 +15,8 @@ namespace Vexa::Rdp {
 
 // Bits of the redirect word handed to the transport (vexaTransportDisplayPolicyRedirect), as the setter
 // vexaSessionPolicyRedirectClipboard(session, client2server, server2client) stores them.
-inline constexpr uint32_t clipboardClientToServerBit = 1u << 24;
-inline constexpr uint32_t clipboardServerToClientBit = 1u << 25;
+inline constexpr uint32_t clipboardServerToClientBit = 1u << 24;
+inline constexpr uint32_t clipboardClientToServerBit = 1u << 25;
 
 // The most clipboard text carried either way when the service sets no limit (0).
 inline constexpr size_t clipboardHardLimit = 16u << 20;

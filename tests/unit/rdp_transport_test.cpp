@@ -553,8 +553,8 @@ TEST(ClipboardText, PolicyBitsLimitAndFormats) {
     };
     const Case cases[] = {
         {0x08000000, 0, false, false, clipboardHardLimit},
-        {0x08000000 | (1u << 24), 100, true, false, 100},
-        {0x08000000 | (1u << 25), 100, false, true, 100},
+        {0x08000000 | (1u << 24), 100, false, true, 100},
+        {0x08000000 | (1u << 25), 100, true, false, 100},
         {0x3f00002c, 0, true, true, clipboardHardLimit},
         {(1u << 24) | (1u << 25), 0xffffffff, true, true, clipboardHardLimit},
         {(1u << 26), 10, false, false, 10},
