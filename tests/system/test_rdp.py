@@ -172,8 +172,6 @@ def test_the_socket_starts_a_confined_transport_per_connection(rdp_socket, sessi
     assert (CERT_DIR / "tls.crt").read_bytes() == b"administrator's certificate\n"
 
 
-
-
 @needs_transport
 def test_a_login_shows_the_session_and_runs_what_is_typed(rdp_socket, sessions, new_user, clients):
     user, home = rdp_user(new_user, "rdplogin")
