@@ -123,7 +123,7 @@ class Demo:
         self.signals = []
         self.password = secrets.token_urlsafe(18)
         self.sid = None
-        self.rdp = self.client = None
+        self.rdp = self.client = self.socket_was = None
         self.replied = None
         self.user_made = False  # the demo user is ours: made or reused by this run, its password set
         self.info = {}
@@ -279,6 +279,9 @@ class Demo:
         if not TRANSPORT.exists():
             raise Skipped(f"{TRANSPORT} is not installed: this build has no RDP transport yet, so no RDP client "
                           "can connect (the session above was asked for over the bus as a transport would)")
+        if self.host:
+            # on a real machine the demo leaves the socket as it found it (see socket_back)
+            self.socket_was = run(["systemctl", "is-enabled", "vexa-rdp.socket"]).stdout.strip()
         # what the package's post-install step does
         proc = show(["systemctl", "enable", "--now", "vexa-rdp.socket", "vexa-rdp-certificate.service"])
         check(proc.returncode == 0, "systemctl enable --now vexa-rdp.socket failed")
@@ -350,6 +353,16 @@ class Demo:
         print(f"  the same session {self.sid}, with the typed command still on its screen")
         self.client.close()
 
+    def socket_back(self):
+        """On a real machine: a socket that the demo enabled is disabled and stopped again, so that the demo leaves
+        no port open."""
+        if self.socket_was == "enabled":
+            print("  vexa-rdp.socket was enabled before the demo: left as it is")
+            return
+        proc = show(["systemctl", "disable", "--now", "vexa-rdp.socket"])
+        check(proc.returncode == 0, "systemctl disable --now vexa-rdp.socket failed")
+        print(f"  port {RDP_PORT} closed again; enable it for good with: systemctl enable --now vexa-rdp.socket")
+
     def shutdown(self):
         check(self.sid, "no session")
         reply = bool(self.vexa.vexaSessionShutdown(dbus.UInt32(self.sid)))
@@ -414,6 +427,8 @@ class Demo:
                             self.step("6e. RDP: reconnect to the same session", self.rdp_reconnect)
             finally:
                 self.rdp.stop()
+            if self.host and self.socket_was is not None:
+                self.step("6f. RDP: the socket as it was", self.socket_back)
             self.step("7. session shutdown", self.shutdown)
         self.step("8. stopping the service over the bus", self.stop)
         self.step("9. signals heard", self.signal_list)
