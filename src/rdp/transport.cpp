@@ -8,6 +8,8 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 
 #include <arpa/inet.h>
@@ -25,6 +27,7 @@
 #include <freerdp/peer.h>
 #include <freerdp/pointer.h>
 #include <freerdp/server/cliprdr.h>
+#include <freerdp/server/disp.h>
 #include <freerdp/session.h>
 #include <winpr/synch.h>
 #include <winpr/wtsapi.h>
@@ -38,6 +41,7 @@
 #include "rdp/encoder.h"
 #include "rdp/input_map.h"
 #include "rdp/logon.h"
+#include "rdp/monitor_layout.h"
 #include "rdp/x_clipboard.h"
 #include "rdp/x_display.h"
 #include "xcb/xauth_file.h"
@@ -114,6 +118,11 @@ public:
     ~Connection() {
         encoder.reset();
         closeClipboard();
+        if (disp) {
+            // Joins the channel's thread: no layout arrives after this.
+            disp->Close(disp);
+            disp_server_context_free(disp);
+        }
         if (vcm) {
             WTSCloseServer(vcm);
         }
@@ -126,6 +135,9 @@ public:
         }
         if (signalEvent) {
             CloseHandle(signalEvent);
+        }
+        if (layoutEvent) {
+            CloseHandle(layoutEvent);
         }
         if (signalFd >= 0) {
             close(signalFd);
@@ -161,6 +173,8 @@ private:
     UINT clientFormatDataRequest(const CLIPRDR_FORMAT_DATA_REQUEST& request);
     UINT clientFormatDataResponse(const CLIPRDR_FORMAT_DATA_RESPONSE& response);
     void sendClipboardText(std::optional<std::string> text);
+    void openDisplayControl();
+    void applyLayout();
     void handleX();
     int timeoutMs() const;
 
@@ -189,9 +203,16 @@ private:
     bool activated = false;
     bool suppressed = false;
     bool resizePending = false;
-    bool loggedCodec = false;
     bool terminated = false;
     int exitCode = 0;
+
+    // The display control channel: FreeRDP reads it on a thread of its own, whose callback leaves the client's
+    // newest monitor layout here and sets layoutEvent; the event loop applies it.
+    DispServerContext* disp = nullptr;
+    bool dispTried = false;
+    HANDLE layoutEvent = nullptr;
+    std::mutex layoutLock;
+    std::optional<std::vector<Monitor>> newLayout; // guarded by layoutLock
 
     std::vector<Rect> pending;
     Clock::time_point nextFrame{};
@@ -236,6 +257,7 @@ bool Connection::setUp() {
     settings->HasHorizontalWheel = TRUE;
     settings->UnicodeInput = FALSE;
     settings->DesktopResize = TRUE;
+    settings->SupportDisplayControl = TRUE;
 
     peer->PostConnect = [](freerdp_peer* p) -> BOOL { return ownerOf(p->context)->postConnect(); };
     peer->Activate = [](freerdp_peer* p) -> BOOL { return ownerOf(p->context)->activate(); };
@@ -298,7 +320,8 @@ bool Connection::setUp() {
         return false;
     }
     signalEvent = CreateFileDescriptorEvent(nullptr, FALSE, FALSE, signalFd, WINPR_FD_READ);
-    return signalEvent != nullptr;
+    layoutEvent = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    return signalEvent != nullptr && layoutEvent != nullptr;
 }
 
 void Connection::refuse(uint32_t errorInfo, int64_t logonError, const char* reason) {
@@ -470,11 +493,9 @@ bool Connection::activate() {
         Syslog::error("%s: exception: %s", "activate", err.what());
         return FALSE;
     }
-    if (!loggedCodec) {
-        Syslog::info("%s: session id: %u, codec: %s, depth: %u, multifrag: %u", "activate", sessionId,
-                     codecName(encoder->codec()), settings->ColorDepth, settings->MultifragMaxRequestSize);
-        loggedCodec = true;
-    }
+    Syslog::info("%s: session id: %u, desktop: %ux%u, codec: %s, depth: %u, multifrag: %u", "activate", sessionId,
+                 settings->DesktopWidth, settings->DesktopHeight, codecName(encoder->codec()), settings->ColorDepth,
+                 settings->MultifragMaxRequestSize);
     activated = true;
     if (!cliprdr) {
         openClipboard();
@@ -686,9 +707,11 @@ void Connection::openClipboard() {
     general.version = CB_CAPS_VERSION_2;
     general.generalFlags = CB_USE_LONG_FORMAT_NAMES;
     CLIPRDR_CAPABILITIES caps{};
+    caps.msgType = CB_CLIP_CAPS;
     caps.cCapabilitiesSets = 1;
     caps.capabilitySets = reinterpret_cast<CLIPRDR_CAPABILITY_SET*>(&general);
     CLIPRDR_MONITOR_READY ready{};
+    ready.msgType = CB_MONITOR_READY;
     if (cliprdr->ServerCapabilities(cliprdr, &caps) != CHANNEL_RC_OK ||
         cliprdr->MonitorReady(cliprdr, &ready) != CHANNEL_RC_OK) {
         Syslog::error("%s: %s failed", "openClipboard", "cliprdr initialization");
@@ -795,19 +818,90 @@ void Connection::sendClipboardText(std::optional<std::string> text) {
     cliprdr->ServerFormatDataResponse(cliprdr, &response);
 }
 
+void Connection::openDisplayControl() {
+    dispTried = true;
+    disp = disp_server_context_new(vcm);
+    if (!disp) {
+        Syslog::error("%s: %s failed", "openDisplayControl", "disp_server_context_new");
+        return;
+    }
+    disp->custom = this;
+    disp->rdpcontext = peer->context;
+    disp->MaxNumMonitors = 16;
+    disp->MaxMonitorAreaFactorA = 8192;
+    disp->MaxMonitorAreaFactorB = 8192;
+    disp->DispMonitorLayout = [](DispServerContext* context, const DISPLAY_CONTROL_MONITOR_LAYOUT_PDU* pdu) -> UINT {
+        auto* self = static_cast<Connection*>(context->custom);
+        std::vector<Monitor> monitors;
+        for (UINT32 i = 0; i < pdu->NumMonitors; ++i) {
+            const auto& m = pdu->Monitors[i];
+            monitors.push_back({m.Flags, m.Left, m.Top, m.Width, m.Height, m.PhysicalWidth, m.PhysicalHeight,
+                                m.Orientation, m.DesktopScaleFactor, m.DeviceScaleFactor});
+        }
+        {
+            const std::lock_guard lock(self->layoutLock);
+            self->newLayout = std::move(monitors);
+        }
+        SetEvent(self->layoutEvent);
+        return CHANNEL_RC_OK;
+    };
+    if (disp->Open(disp) != CHANNEL_RC_OK) {
+        Syslog::info("%s: the client has no display control channel", "openDisplayControl");
+        disp_server_context_free(disp);
+        disp = nullptr;
+        return;
+    }
+    if (disp->DisplayControlCaps(disp) != CHANNEL_RC_OK) {
+        Syslog::warning("%s: %s failed", "openDisplayControl", "DisplayControlCaps");
+        return;
+    }
+    Syslog::debug("%s: display control open", "openDisplayControl");
+}
+
+void Connection::applyLayout() {
+    ResetEvent(layoutEvent);
+    std::optional<std::vector<Monitor>> monitors;
+    {
+        const std::lock_guard lock(layoutLock);
+        monitors.swap(newLayout);
+    }
+    if (!monitors || !x) {
+        return;
+    }
+    const LayoutRequest request = layoutRequest(*monitors, x->width(), x->height());
+    switch (request.kind) {
+    case LayoutRequest::Ignore:
+        Syslog::debug("%s: layout ignored: %s", "applyLayout", request.reason.c_str());
+        return;
+    case LayoutRequest::Resize: {
+        const bool done = bus->displayResize(display, request.width, request.height, config.startTimeout);
+        Syslog::info("%s: display: %u, resize to %ux%u: %s", "applyLayout", display, request.width, request.height,
+                     done ? "success" : "failed");
+        return;
+    }
+    case LayoutRequest::Monitors: {
+        const bool done = bus->transportDisplayMonitorsChanged(display, request.monitors, config.startTimeout);
+        Syslog::info("%s: display: %u, %zu monitors: %s", "applyLayout", display, request.monitors.size(),
+                     done ? "success" : "failed");
+        return;
+    }
+    }
+}
+
 int Connection::run() {
     if (!setUp()) {
         return 1;
     }
     while (!terminated) {
         HANDLE handles[MAXIMUM_WAIT_OBJECTS];
-        DWORD count = peer->GetEventHandles(peer, handles, MAXIMUM_WAIT_OBJECTS - 4);
+        DWORD count = peer->GetEventHandles(peer, handles, MAXIMUM_WAIT_OBJECTS - 5);
         if (count == 0) {
             Syslog::error("%s: %s failed", "run", "GetEventHandles");
             break;
         }
         handles[count++] = WTSVirtualChannelManagerGetEventHandle(vcm);
         handles[count++] = signalEvent;
+        handles[count++] = layoutEvent;
         if (xEvent) {
             handles[count++] = xEvent;
         }
@@ -844,6 +938,13 @@ int Connection::run() {
             cliprdr->CheckEventHandle(cliprdr) != CHANNEL_RC_OK) {
             Syslog::info("%s: clipboard channel closed", "run");
             closeClipboard();
+        }
+        if (activated && !dispTried && WTSVirtualChannelManagerIsChannelJoined(vcm, "drdynvc") &&
+            WTSVirtualChannelManagerGetDrdynvcState(vcm) == DRDYNVC_STATE_READY) {
+            openDisplayControl();
+        }
+        if (WaitForSingleObject(layoutEvent, 0) == WAIT_OBJECT_0) {
+            applyLayout();
         }
         handleX();
         if (resizePending && x) {

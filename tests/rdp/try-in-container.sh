@@ -60,10 +60,10 @@ bitmap) codec_args=(/gdi:sw /bpp:32) ;;
 bitmap16) codec_args=(/gdi:sw /bpp:16) ;;
 esac
 
-# client NAME SIZE PASSWORD: an xfreerdp in the background, its pid in $client.
+# client NAME SIZE PASSWORD [ARGS...]: an xfreerdp in the background, its pid in $client.
 client() {
     xfreerdp /v:127.0.0.1:$port /u:$user "/p:$3" /cert:ignore "/size:$2" /log-level:INFO "${codec_args[@]}" \
-        >"$out/client-$1.log" 2>&1 &
+        "${@:4}" >"$out/client-$1.log" 2>&1 &
     client=$!
 }
 # wait_log COUNT PATTERN: until the transport log holds COUNT lines matching PATTERN (20 s at most).
@@ -141,11 +141,17 @@ echo "client exit: $status"
 grep -h 'connection refused\|session request refused' "$out/transport.log"
 grep -h 'ERRINFO\|LOGON' "$out/client-wrong.log" | head -3
 
-echo "== 3. reconnect at 800x600"
-client second 800x600 "$password"
+echo "== 3. reconnect at 800x600, then the client's window resized to 900x700 (display control)"
+client second 800x600 "$password" /dynamic-resolution
 wait_log 2 'activate: session id' || echo "FAIL: no second activation"
 sleep 2
-grep -h 'running session\|resize:\|desktopResize' "$out/transport.log"
+echo "session screen: $(XAUTHORITY=/run/vexa/xauth_$disp xdpyinfo -display ":$disp" | grep dimensions)"
+window=$(xdotool search --class xfreerdp 2>/dev/null | head -1)
+xdotool windowsize "$window" 900 700 2>/dev/null
+wait_log 1 'applyLayout' || echo "FAIL: no layout from the client"
+wait_log 3 'activate: session id' || echo "FAIL: no activation after the resize"
+sleep 1
+grep -h 'running session\|resize\|desktopResize\|applyLayout' "$out/transport.log"
 echo "session screen: $(XAUTHORITY=/run/vexa/xauth_$disp xdpyinfo -display ":$disp" | grep dimensions)"
 
 echo "== 4. SIGTERM to the transport"
@@ -159,7 +165,7 @@ grep -h 'signal 15\|frames:' "$out/transport.log" | tail -2
 echo "== 5. inactivity limit of 3 s"
 vexa inactivity 3
 client third 1024x768 "$password"
-wait_log 3 'activate: session id' || echo "FAIL: no third activation"
+wait_log 5 'activate: session id' || echo "FAIL: no activation for phase 5"
 wait_client 15
 echo "client exit after the inactivity disconnect: $status"
 grep -h 'checkInactivity' "$out/transport.log"
