@@ -165,7 +165,7 @@ grep -h 'signal 15\|frames:' "$out/transport.log" | tail -2
 echo "== 5. inactivity limit of 3 s"
 vexa inactivity 3
 client third 1024x768 "$password"
-wait_log 5 'activate: session id' || echo "FAIL: no activation for phase 5"
+wait_log 4 'activate: session id' || echo "FAIL: no activation for phase 5"
 wait_client 15
 echo "client exit after the inactivity disconnect: $status"
 grep -h 'checkInactivity' "$out/transport.log"

@@ -21,6 +21,7 @@
 #include "rdp/damage_region.h"
 #include "rdp/input_map.h"
 #include "rdp/logon.h"
+#include "rdp/monitor_layout.h"
 #include "start/session_request.h"
 
 using namespace Vexa;
@@ -571,4 +572,43 @@ TEST(ClipboardText, PolicyBitsLimitAndFormats) {
     EXPECT_EQ(pickTextFormat(withUnicode), formatUnicodeText);
     EXPECT_EQ(pickTextFormat(ansiOnly), 0u);
     EXPECT_EQ(pickTextFormat({}), 0u);
+}
+
+TEST(MonitorLayout, OneMonitorResizesSeveralGoToTheServiceBadOnesAreIgnored) {
+    using K = LayoutRequest::Kind;
+    const Monitor hd{.flags = 1, .width = 1920, .height = 1080};
+    const Monitor side{.left = 1920, .width = 1280, .height = 1024};
+    struct Case {
+        const char* name;
+        std::vector<Monitor> monitors;
+        K kind;
+        uint16_t width = 0, height = 0;
+    };
+    const Case cases[] = {
+        {"one monitor, new size", {hd}, K::Resize, 1920, 1080},
+        {"one monitor, same size", {{.width = 1024, .height = 768}}, K::Ignore},
+        {"two monitors", {hd, side}, K::Monitors},
+        {"none", {}, K::Ignore},
+        {"too narrow", {{.width = 199, .height = 600}}, K::Ignore},
+        {"too tall", {{.width = 800, .height = 8193}}, K::Ignore},
+        {"smallest and largest", {{.width = 200, .height = 8192}}, K::Resize, 200, 8192},
+        {"one bad among several", {hd, {.width = 100, .height = 100}}, K::Ignore},
+        {"seventeen monitors", std::vector<Monitor>(17, hd), K::Ignore},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto request = layoutRequest(c.monitors, 1024, 768);
+        EXPECT_EQ(request.kind, c.kind) << request.reason;
+        if (c.kind == K::Resize) {
+            EXPECT_EQ(request.width, c.width);
+            EXPECT_EQ(request.height, c.height);
+        }
+        if (c.kind == K::Monitors) {
+            ASSERT_EQ(request.monitors.size(), c.monitors.size());
+            EXPECT_EQ(request.monitors[1].left, 1920);
+        }
+        if (c.kind == K::Ignore) {
+            EXPECT_FALSE(request.reason.empty());
+        }
+    }
 }
