@@ -3,8 +3,8 @@
 #   tests/system/run-container --build build --out /tmp/out-rdp --run tests/rdp/try-in-container.sh [-- CODEC]
 # The real vexa.service with Xvfb sessions running xterm, the transport behind systemd-socket-activate as the
 # unprivileged vexa-rdp (groups vexa, vexa-xauth) on 127.0.0.1:3390, and Debian's xfreerdp in an Xvfb of its
-# own. CODEC: "rfx" (the default: RemoteFX offered and taken), "bitmap" (planar, 32 bpp) or "bitmap16"
-# (interleaved, 16 bpp). Phases: a logon that types into the session's xterm and copies text both ways; a wrong password; a reconnect at
+# own. CODEC: "rfx" (the default: RemoteFX offered and taken), "bitmap" (planar, 32 bpp), "bitmap24" or "bitmap16"
+# (uncompressed bitmaps). Phases: a logon that types into the session's xterm and copies text both ways; a wrong password; a reconnect at
 # another size; SIGTERM to a transport; the inactivity limit. Output in OUT: run.log (the findings),
 # client.png and session.png (both screens after the first logon), transport.log, client-*.log, journal.json.
 set -u
@@ -58,6 +58,7 @@ codec_args=(/gdi:sw /rfx)
 case $codec in
 bitmap) codec_args=(/gdi:sw /bpp:32) ;;
 bitmap16) codec_args=(/gdi:sw /bpp:16) ;;
+bitmap24) codec_args=(/gdi:sw /bpp:24) ;;
 esac
 
 # client NAME SIZE PASSWORD [ARGS...]: an xfreerdp in the background, its pid in $client.
