@@ -48,7 +48,7 @@ const char* codecName(Codec codec) noexcept {
 
 Encoder::Encoder(rdpContext* ctx, bool allowRemoteFx) : context(ctx) {
     rdpSettings* settings = context->settings;
-    stream = Stream_New(nullptr, 64 * 1024);
+    stream = Stream_New(nullptr, size_t{64} * 1024);
     if (!stream) {
         throw std::runtime_error("Stream_New failed");
     }

@@ -34,6 +34,7 @@
 
 #include "common/json_config.h"
 #include "common/logger.h"
+#include "common/utils.h"
 #include "rdp/bus_client.h"
 #include "rdp/clipboard_text.h"
 #include "rdp/cursor_shape.h"
@@ -229,7 +230,7 @@ bool Connection::setUp() {
         const bool certMissing = access(config.certificate.c_str(), R_OK) != 0;
         const std::string& path = certMissing ? config.certificate : config.key;
         Syslog::error("%s: cannot read the TLS %s `%s', error: %s", "setUp", certMissing ? "certificate" : "key",
-                      path.c_str(), strerror(errno));
+                      path.c_str(), Utils::errnoText(errno).c_str());
         return false;
     }
     if (!freerdp_settings_set_string(settings, FreeRDP_CertificateFile, config.certificate.c_str()) ||
@@ -308,15 +309,16 @@ bool Connection::setUp() {
         return false;
     }
 
+    // The signals were blocked before any thread started (serveConnection); they arrive here instead.
     sigset_t mask;
     sigemptyset(&mask);
     sigaddset(&mask, SIGTERM);
     sigaddset(&mask, SIGINT);
     sigaddset(&mask, SIGHUP);
-    sigprocmask(SIG_BLOCK, &mask, nullptr);
     signalFd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
     if (signalFd < 0) {
-        Syslog::error("%s: %s failed, error: %s, code: %d", "setUp", "signalfd", strerror(errno), errno);
+        Syslog::error("%s: %s failed, error: %s, code: %d", "setUp", "signalfd", Utils::errnoText(errno).c_str(),
+                      errno);
         return false;
     }
     signalEvent = CreateFileDescriptorEvent(nullptr, FALSE, FALSE, signalFd, WINPR_FD_READ);
@@ -439,7 +441,9 @@ bool Connection::attach(const LogonInfo& logon) {
 
     // FreeRDP's keyboard tables look at the X server named by DISPLAY: the session's, with its cookie file.
     const std::string displayName = ":" + std::to_string(display);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet (the channels' start after activation)
     setenv("DISPLAY", displayName.c_str(), 1);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): as above
     setenv("XAUTHORITY", xauthfile.c_str(), 1);
     const DWORD layout = freerdp_keyboard_init(peer->settings->KeyboardLayout);
     Syslog::debug("%s: keyboard layout: 0x%08x, client: 0x%08x", "attach", layout, peer->settings->KeyboardLayout);
@@ -468,7 +472,8 @@ void Connection::applyTcpKeepAlive() {
         setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle)) != 0 ||
         setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &idle, sizeof(idle)) != 0 ||
         setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof(count)) != 0) {
-        Syslog::debug("%s: %s failed, error: %s, code: %d", "applyTcpKeepAlive", "setsockopt", strerror(errno), errno);
+        Syslog::debug("%s: %s failed, error: %s, code: %d", "applyTcpKeepAlive", "setsockopt",
+                      Utils::errnoText(errno).c_str(), errno);
         return;
     }
     Syslog::debug("%s: interval: %us, failures: %u", "applyTcpKeepAlive", interval, failures);
@@ -970,6 +975,12 @@ int Connection::run() {
 } // namespace
 
 int serveConnection(int fd, const RdpConfig& config) {
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGTERM);
+    sigaddset(&mask, SIGINT);
+    sigaddset(&mask, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &mask, nullptr);
     WTSRegisterWtsApiFunctionTable(FreeRDP_InitWtsApi());
     try {
         Connection connection(fd, config);

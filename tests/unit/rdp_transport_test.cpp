@@ -768,3 +768,22 @@ TEST(Encoder, LargeFramesAreSplitIntoUpdatesWithinTheClientsLimit) {
         EXPECT_EQ(peer.updates > 1, split) << peer.updates << " updates";
     }
 }
+
+TEST(DamageRegion, ManyScatteredRectanglesBecomeRowBandsThenTheCap) {
+    // Three bands of rows, each with many small, far apart rectangles.
+    std::vector<Rect> rects;
+    for (int band : {0, 300, 600}) {
+        for (int i = 0; i < 30; ++i) {
+            rects.push_back({i * 60, band + (i % 3), 8, 16});
+        }
+    }
+    const Rect screen{0, 0, 1920, 1080};
+    const auto merged = mergeRects(rects, screen, 8);
+    ASSERT_EQ(merged.size(), 3u);
+    for (const auto& r : rects) {
+        EXPECT_TRUE(std::any_of(merged.begin(), merged.end(), [&](const Rect& m) { return m.contains(r); }));
+    }
+    for (const auto& m : merged) {
+        EXPECT_LE(m.height, 18);
+    }
+}
