@@ -5,7 +5,7 @@
 # unprivileged vexa-rdp (groups vexa, vexa-xauth) on 127.0.0.1:3390, and Debian's xfreerdp in an Xvfb of its
 # own. CODEC: "rfx" (the default: RemoteFX offered and taken), "bitmap" (planar, 32 bpp), "bitmap24" or "bitmap16"
 # (uncompressed bitmaps). Phases: a logon that types into the session's xterm and copies text both ways; a wrong password; a reconnect at
-# another size; SIGTERM to a transport; the inactivity limit. Output in OUT: run.log (the findings),
+# another size and a window resize; SIGTERM to a transport; a replacing client; the inactivity limit. Output in OUT: run.log (the findings),
 # client.png and session.png (both screens after the first logon), transport.log, client-*.log, journal.json.
 set -u
 exec >/e2e/out/run.log 2>&1
@@ -83,6 +83,8 @@ what = sys.argv[1]
 if what == "display":
     for name, sid in vexa.vexaSessions():
         print(json.loads(vexa.vexaSessionInfoJson(dbus.UInt32(sid)))["display"]); break
+elif what == "clipboard":
+    vexa.vexaSessionPolicyRedirectClipboard(dbus.Int32(-1), bool(int(sys.argv[2])), bool(int(sys.argv[3])))
 elif what == "inactivity":
     vexa.vexaSessionInactivityLimit(dbus.Int32(-1), dbus.UInt32(int(sys.argv[2])))
 ' "$@"
@@ -131,6 +133,12 @@ echo "client's clipboard: $(timeout 5 xclip -selection clipboard -o -display :77
 printf 'From-the-client €' | xclip -selection clipboard -i -display :77
 sleep 1
 echo "session's clipboard: $(XAUTHORITY=/run/vexa/xauth_$disp timeout 5 xclip -selection clipboard -o -display ":$disp" 2>&1)"
+# Client to server switched off for all sessions: the next copy stays on the client (asked again per transfer).
+vexa clipboard 0 1
+printf 'Not-for-the-session' | xclip -selection clipboard -i -display :77
+sleep 1
+echo "session's clipboard, client to server off: $(XAUTHORITY=/run/vexa/xauth_$disp timeout 5 xclip -selection clipboard -o -display ":$disp" 2>&1)"
+vexa clipboard 1 1
 kill "$client"
 wait_log 1 'run: client .* left' || echo "FAIL: transport did not see the client leave"
 sleep 1
@@ -163,10 +171,24 @@ wait_client 10
 echo "client exit: $status"
 grep -h 'signal 15\|frames:' "$out/transport.log" | tail -2
 
+echo "== 4b. a second client while one is connected (the default connect policy PrevReplace)"
+client fourth 1024x768 "$password"
+first_client=$client
+wait_log 4 'activate: session id' || echo "FAIL: no activation of the first client"
+client fifth 1024x768 "$password"
+wait_log 5 'activate: session id' || echo "FAIL: no activation of the replacing client"
+replacing=$client
+client=$first_client
+wait_client 10
+echo "replaced client exit: $status"
+client=$replacing
+kill "$client"
+wait_client 10
+
 echo "== 5. inactivity limit of 3 s"
 vexa inactivity 3
 client third 1024x768 "$password"
-wait_log 4 'activate: session id' || echo "FAIL: no activation for phase 5"
+wait_log 6 'activate: session id' || echo "FAIL: no activation for phase 5"
 wait_client 15
 echo "client exit after the inactivity disconnect: $status"
 grep -h 'checkInactivity' "$out/transport.log"
