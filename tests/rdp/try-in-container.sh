@@ -139,8 +139,19 @@ printf 'Not-for-the-session' | xclip -selection clipboard -i -display :77
 sleep 1
 echo "session's clipboard, client to server off: $(XAUTHORITY=/run/vexa/xauth_$disp timeout 5 xclip -selection clipboard -o -display ":$disp" 2>&1)"
 vexa clipboard 1 1
+# A scrolling terminal for 8 s: the transport's CPU time and the frames it sent (the frames line of the log).
+pid=$(transport_pid)
+ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
+before=$(ticks "$pid")
+xdotool type --delay 30 'seq 1 3000000' 2>/dev/null
+xdotool key Return 2>/dev/null
+sleep 8
+used=$(($(ticks "$pid") - before))
+echo "scrolling for 8 s: transport CPU $(awk -v t="$used" -v hz="$(getconf CLK_TCK)" 'BEGIN { printf "%.0f%%", t / hz / 8 * 100 }') of one core"
+xdotool key ctrl+c 2>/dev/null
 kill "$client"
 wait_log 1 'run: client .* left' || echo "FAIL: transport did not see the client leave"
+grep -h 'frames:' "$out/transport.log" | head -1
 sleep 1
 
 echo "== 2. wrong password"
