@@ -628,6 +628,9 @@ void Connection::handleX() {
     auto events = x->dispatch();
     if (events.broken) {
         Syslog::notice("%s: display: %u, X server gone", "handleX", display);
+        // The session ended under the client: a logoff as far as it is concerned.
+        freerdp_set_error_info(peer->context->rdp, ERRINFO_LOGOFF_BY_USER);
+        freerdp_send_error_info(peer->context->rdp);
         terminated = true;
         return;
     }

@@ -5,7 +5,7 @@
 # unprivileged vexa-rdp (groups vexa, vexa-xauth) on 127.0.0.1:3390, and Debian's xfreerdp in an Xvfb of its
 # own. CODEC: "rfx" (the default: RemoteFX offered and taken), "bitmap" (planar, 32 bpp), "bitmap24" or "bitmap16"
 # (uncompressed bitmaps). Phases: a logon that types into the session's xterm and copies text both ways; a wrong password; a reconnect at
-# another size and a window resize; SIGTERM to a transport; a replacing client; the inactivity limit. Output in OUT: run.log (the findings),
+# another size and a window resize; SIGTERM to a transport; a replacing client; the inactivity limit; the user ending the session. Output in OUT: run.log (the findings),
 # client.png and session.png (both screens after the first logon), transport.log, client-*.log, journal.json.
 set -u
 exec >/e2e/out/run.log 2>&1
@@ -203,6 +203,20 @@ wait_log 6 'activate: session id' || echo "FAIL: no activation for phase 5"
 wait_client 15
 echo "client exit after the inactivity disconnect: $status"
 grep -h 'checkInactivity' "$out/transport.log"
+
+echo "== 6. the user ends the session (exit in the xterm)"
+vexa inactivity 0
+client sixth 1024x768 "$password"
+wait_log 7 'activate: session id' || echo "FAIL: no activation for phase 6"
+sleep 1
+window=$(xdotool search --class xfreerdp 2>/dev/null | head -1)
+xdotool mousemove --window "$window" 200 100 2>/dev/null
+xdotool type --delay 60 'exit' 2>/dev/null
+xdotool key Return 2>/dev/null
+wait_client 15
+echo "client exit after the session ended: $status"
+grep -h 'X server gone' "$out/transport.log"
+echo "sessions left: $(busctl --system call ru.kelvo.vexa /ru/kelvo/vexa ru.kelvo.vexa vexaSessions)"
 
 kill "$activator" "$client_x"
 echo "--- the daemon on transports"
