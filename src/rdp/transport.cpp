@@ -165,6 +165,7 @@ private:
         inactivityReported = false;
     }
     void keyboard(UINT16 flags, UINT16 code);
+    void synchronize(UINT32 flags);
     void mouse(const std::vector<PointerAction>& actions);
     void checkInactivity();
     void openClipboard();
@@ -264,7 +265,10 @@ bool Connection::setUp() {
     peer->Activate = [](freerdp_peer* p) -> BOOL { return ownerOf(p->context)->activate(); };
 
     rdpInput* input = peer->input;
-    input->SynchronizeEvent = [](rdpInput*, UINT32) -> BOOL { return TRUE; };
+    input->SynchronizeEvent = [](rdpInput* in, UINT32 flags) -> BOOL {
+        ownerOf(in->context)->synchronize(flags);
+        return TRUE;
+    };
     input->KeyboardEvent = [](rdpInput* in, UINT16 flags, UINT16 code) -> BOOL {
         ownerOf(in->context)->keyboard(flags, code);
         return TRUE;
@@ -588,6 +592,21 @@ void Connection::keyboard(UINT16 flags, UINT16 code) {
         return;
     }
     x->fakeKey(static_cast<uint8_t>(keycode), action.press);
+    x->flush();
+}
+
+// The client's lock keys at focus or connection: the session's follow them.
+void Connection::synchronize(UINT32 flags) {
+    if (!x) {
+        return;
+    }
+    for (const uint8_t scancode : lockKeysToTap(flags, x->modifierState())) {
+        const DWORD keycode = freerdp_keyboard_get_x11_keycode_from_rdp_scancode(scancode, FALSE);
+        if (keycode > 0 && keycode < 256) {
+            x->fakeKey(static_cast<uint8_t>(keycode), true);
+            x->fakeKey(static_cast<uint8_t>(keycode), false);
+        }
+    }
     x->flush();
 }
 

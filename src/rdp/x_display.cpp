@@ -230,6 +230,11 @@ std::optional<CursorImage> XDisplay::cursorImage() {
     return image;
 }
 
+uint16_t XDisplay::modifierState() {
+    auto reply = own(xcb_query_pointer_reply(conn, xcb_query_pointer(conn, root), nullptr));
+    return reply ? reply->mask : 0;
+}
+
 void XDisplay::fakeMotion(uint16_t x, uint16_t y) {
     xcb_test_fake_input(conn, XCB_MOTION_NOTIFY, 0, XCB_CURRENT_TIME, root, static_cast<int16_t>(x),
                         static_cast<int16_t>(y), 0);

@@ -143,12 +143,14 @@ vexa clipboard 1 1
 pid=$(transport_pid)
 ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
 before=$(ticks "$pid")
+xdotool mousemove --window "$window" 200 100 2>/dev/null
 xdotool type --delay 30 'seq 1 3000000' 2>/dev/null
 xdotool key Return 2>/dev/null
 sleep 8
 used=$(($(ticks "$pid") - before))
 echo "scrolling for 8 s: transport CPU $(awk -v t="$used" -v hz="$(getconf CLK_TCK)" 'BEGIN { printf "%.0f%%", t / hz / 8 * 100 }') of one core"
 xdotool key ctrl+c 2>/dev/null
+xwd -root -silent -display :77 | xwdtopnm 2>/dev/null | pnmtopng >"$out/client-scrolled.png"
 kill "$client"
 wait_log 1 'run: client .* left' || echo "FAIL: transport did not see the client leave"
 grep -h 'frames:' "$out/transport.log" | head -1

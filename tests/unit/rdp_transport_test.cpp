@@ -392,6 +392,29 @@ TEST(InputMap, ExtendedButtonsAndKeys) {
     }
 }
 
+TEST(InputMap, LockKeysFollowTheClientsSynchronizeFlags) {
+    struct Case {
+        uint32_t flags;
+        uint16_t mask;
+        std::vector<uint8_t> taps;
+    };
+    constexpr uint16_t lock = 0x02, mod2 = 0x10, shift = 0x01;
+    const Case cases[] = {
+        {0, 0, {}},
+        {KBD_SYNC_CAPS_LOCK, 0, {0x3a}},
+        {0, lock, {0x3a}},
+        {KBD_SYNC_CAPS_LOCK, lock, {}},
+        {KBD_SYNC_NUM_LOCK, 0, {0x45}},
+        {KBD_SYNC_NUM_LOCK | KBD_SYNC_CAPS_LOCK, shift, {0x3a, 0x45}},
+        {KBD_SYNC_SCROLL_LOCK | KBD_SYNC_KANA_LOCK, shift | lock | mod2, {0x3a, 0x45}},
+        {KBD_SYNC_NUM_LOCK | KBD_SYNC_CAPS_LOCK, lock | mod2, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.flags) + "/" + std::to_string(c.mask));
+        EXPECT_EQ(lockKeysToTap(c.flags, c.mask), c.taps);
+    }
+}
+
 TEST(CursorShape, MasksAreFlippedUnpremultipliedAndPadded) {
     CursorImage image;
     image.width = 3;
