@@ -7,6 +7,7 @@
 #include <systemd/sd-bus.h>
 
 #include "common/logger.h"
+#include "common/utils.h"
 
 namespace Vexa::Rdp {
 
@@ -37,7 +38,8 @@ sd_bus_message* call(sd_bus* bus, const char* method, uint64_t timeoutUsec, cons
         r = sd_bus_message_append(request.msg, types, args...);
     }
     if (r < 0) {
-        Syslog::error("%s: %s failed, error: %s, code: %d", method, "sd_bus_message_append", strerror(-r), -r);
+        Syslog::error("%s: %s failed, error: %s, code: %d", method, "sd_bus_message_append",
+                      Utils::errnoText(-r).c_str(), -r);
         return nullptr;
     }
     Error error;
@@ -45,7 +47,7 @@ sd_bus_message* call(sd_bus* bus, const char* method, uint64_t timeoutUsec, cons
     r = sd_bus_call(bus, request.msg, timeoutUsec, &error.err, &reply);
     if (r < 0) {
         Syslog::error("%s: %s failed, error: %s, code: %d", method, "sd_bus_call",
-                      error.err.message ? error.err.message : strerror(-r), -r);
+                      error.err.message ? error.err.message : Utils::errnoText(-r).c_str(), -r);
         return nullptr;
     }
     return reply;
@@ -59,7 +61,8 @@ std::optional<T> readOne(sd_bus_message* reply, const char* method, const char* 
     }
     T value{};
     if (const int r = sd_bus_message_read(reply, type, &value); r < 0) {
-        Syslog::error("%s: %s failed, error: %s, code: %d", method, "sd_bus_message_read", strerror(-r), -r);
+        Syslog::error("%s: %s failed, error: %s, code: %d", method, "sd_bus_message_read", Utils::errnoText(-r).c_str(),
+                      -r);
         return std::nullopt;
     }
     return value;
@@ -79,6 +82,7 @@ const std::vector<BusMethod>& busMethods() {
         {"proxyClientConnected", "us", ""},
         {"proxySessionConnected", "uus", ""},
         {"vexaDisplayResize", "uqq", "b"},
+        {"vexaTransportDisplayMonitorsChanged", "ua(uiiuuuuuuu)", "b"},
         {"vexaTransportDisplayInactivity", "u", "u"},
         {"vexaTransportDisplayInactivityEvent", "u", ""},
         {"vexaTransportDisplayShutdown", "u", ""},
@@ -90,7 +94,7 @@ const std::vector<BusMethod>& busMethods() {
 
 BusClient::BusClient() {
     if (const int r = sd_bus_open_system(&bus); r < 0) {
-        throw std::runtime_error(std::string("sd_bus_open_system failed: ") + strerror(-r));
+        throw std::runtime_error(std::string("sd_bus_open_system failed: ") + Utils::errnoText(-r).c_str());
     }
 }
 
@@ -132,6 +136,42 @@ bool BusClient::displayResize(uint32_t display, uint16_t width, uint16_t height,
     return readOne<int>(call(bus, "vexaDisplayResize", uint64_t{timeoutSec} * 1'000'000, "uqq", display, width, height),
                         "vexaDisplayResize", "b")
                .value_or(0) != 0;
+}
+
+bool BusClient::transportDisplayMonitorsChanged(uint32_t display, const std::vector<Monitor>& monitors,
+                                                uint32_t timeoutSec) {
+    constexpr const char* method = "vexaTransportDisplayMonitorsChanged";
+    Message request;
+    int r = sd_bus_message_new_method_call(bus, &request.msg, service, object, interface, method);
+    if (r >= 0) {
+        r = sd_bus_message_append(request.msg, "u", display);
+    }
+    if (r >= 0) {
+        r = sd_bus_message_open_container(request.msg, 'a', "(uiiuuuuuuu)");
+    }
+    for (size_t i = 0; r >= 0 && i < monitors.size(); ++i) {
+        const Monitor& m = monitors[i];
+        r = sd_bus_message_append(request.msg, "(uiiuuuuuuu)", m.flags, m.left, m.top, m.width, m.height,
+                                  m.physicalWidth, m.physicalHeight, m.orientation, m.desktopScale, m.deviceScale);
+    }
+    if (r >= 0) {
+        r = sd_bus_message_close_container(request.msg);
+    }
+    if (r < 0) {
+        Syslog::error("%s: %s failed, error: %s, code: %d", method, "sd_bus_message_append",
+                      Utils::errnoText(-r).c_str(), -r);
+        return false;
+    }
+    Error error;
+    Message reply;
+    r = sd_bus_call(bus, request.msg, uint64_t{timeoutSec} * 1'000'000, &error.err, &reply.msg);
+    if (r < 0) {
+        Syslog::error("%s: %s failed, error: %s, code: %d", method, "sd_bus_call",
+                      error.err.message ? error.err.message : Utils::errnoText(-r).c_str(), -r);
+        return false;
+    }
+    int result = 0;
+    return sd_bus_message_read(reply.msg, "b", &result) >= 0 && result != 0;
 }
 
 uint32_t BusClient::transportDisplayInactivity(uint32_t display) {

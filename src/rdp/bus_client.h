@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "rdp/monitor_layout.h"
+
 struct sd_bus;
 
 namespace Vexa::Rdp {
@@ -37,6 +39,7 @@ public:
     void proxyClientConnected(uint32_t session, const std::string& address);
     void proxySessionConnected(uint32_t session, uint32_t pid, const std::string& address);
     bool displayResize(uint32_t display, uint16_t width, uint16_t height, uint32_t timeoutSec);
+    bool transportDisplayMonitorsChanged(uint32_t display, const std::vector<Monitor>& monitors, uint32_t timeoutSec);
     uint32_t transportDisplayInactivity(uint32_t display);
     void transportDisplayInactivityEvent(uint32_t display);
     void transportDisplayShutdown(uint32_t display);

@@ -59,19 +59,36 @@ std::vector<Rect> mergeRects(const std::vector<Rect>& rects, const Rect& screen,
         }
         return {all};
     }
+    // Passes until nothing merges; within a pass a rectangle keeps absorbing the ones after it while it grows.
     bool merged = true;
     while (merged) {
         merged = false;
-        for (size_t i = 0; i < out.size() && !merged; ++i) {
-            for (size_t j = i + 1; j < out.size(); ++j) {
+        for (size_t i = 0; i < out.size(); ++i) {
+            for (size_t j = i + 1; j < out.size();) {
                 if (out[i].contains(out[j]) || out[j].contains(out[i]) || waste(out[i], out[j]) <= slack) {
                     out[i] = bounding(out[i], out[j]);
                     out.erase(out.begin() + static_cast<std::ptrdiff_t>(j));
                     merged = true;
-                    break;
+                    j = i + 1;
+                } else {
+                    ++j;
                 }
             }
         }
+    }
+    // Many left: one rectangle per band of rows first, so that the pairwise search below stays small.
+    if (out.size() > 4 * maxRects) {
+        std::vector<Rect> banded;
+        for (const auto& band : rowBands(out)) {
+            Rect box;
+            for (const auto& rect : out) {
+                if (rect.y >= band.y && rect.bottom() <= band.y + band.height) {
+                    box = bounding(box, rect);
+                }
+            }
+            banded.push_back(box);
+        }
+        out = std::move(banded);
     }
     while (out.size() > maxRects) {
         size_t bestI = 0, bestJ = 1;

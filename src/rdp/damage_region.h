@@ -27,7 +27,8 @@ Rect bounding(const Rect& a, const Rect& b) noexcept;
 
 // Clips the rectangles to the screen and merges them until at most `maxRects` remain. Two rectangles merge
 // when their bounding box is at most `slack` pixels larger than the two together (an overlap counted twice, as
-// it would be sent twice); past `maxRects` the pair whose bounding box costs least merges. The result covers every
+// it would be sent twice); more than four times `maxRects` left become one rectangle per band of rows; past
+// `maxRects` the pair whose bounding box costs least merges. The result covers every
 // clipped input pixel and lies within the screen.
 std::vector<Rect> mergeRects(const std::vector<Rect>& rects, const Rect& screen, size_t maxRects,
                              int64_t slack = 64 * 64);

@@ -40,15 +40,15 @@ const char* codecName(Codec codec) noexcept {
         return "RemoteFX";
     case Codec::Planar:
         return "planar";
-    case Codec::Interleaved:
-        return "interleaved";
+    case Codec::Uncompressed:
+        return "uncompressed";
     }
     return "unknown";
 }
 
 Encoder::Encoder(rdpContext* ctx, bool allowRemoteFx) : context(ctx) {
     rdpSettings* settings = context->settings;
-    stream = Stream_New(nullptr, 64 * 1024);
+    stream = Stream_New(nullptr, size_t{64} * 1024);
     if (!stream) {
         throw std::runtime_error("Stream_New failed");
     }
@@ -76,15 +76,21 @@ Encoder::Encoder(rdpContext* ctx, bool allowRemoteFx) : context(ctx) {
         bpp = 32;
         return;
     }
-    interleaved = bitmap_interleaved_context_new(TRUE);
-    if (!interleaved) {
-        throw std::runtime_error("bitmap_interleaved_context_new failed");
-    }
-    codec_ = Codec::Interleaved;
-    // Interleaved RLE knows 8, 15, 16 and 24 bits a pixel; 8 would need a palette of our own.
-    bpp = std::clamp<uint32_t>(settings->ColorDepth, 15, 24);
-    if (bpp > 16 && bpp < 24) {
+    codec_ = Codec::Uncompressed;
+    switch (settings->ColorDepth) {
+    case 24:
+        bpp = 24;
+        rawFormat = PIXEL_FORMAT_BGR24;
+        break;
+    case 15:
+        bpp = 15;
+        rawFormat = PIXEL_FORMAT_RGB15;
+        break;
+    default:
+        // 16, and 8 (which would need a palette of our own) gets 16 too.
         bpp = 16;
+        rawFormat = PIXEL_FORMAT_RGB16;
+        break;
     }
 }
 
@@ -94,9 +100,6 @@ Encoder::~Encoder() {
     }
     if (planar) {
         freerdp_bitmap_planar_context_free(planar);
-    }
-    if (interleaved) {
-        bitmap_interleaved_context_free(interleaved);
     }
     Stream_Free(stream, TRUE);
 }
@@ -205,12 +208,19 @@ bool Encoder::sendBitmaps(const uint8_t* frame, uint32_t stride, uint32_t width,
                 data = freerdp_bitmap_compress_planar(planar, src, PIXEL_FORMAT_BGRX32, tile.width, tile.height, stride,
                                                       nullptr, &size);
             } else {
-                size = static_cast<UINT32>(tile.width * tile.height * 4 + 64);
+                // Rows bottom up, as many bytes as the pixels take: the tiles are a multiple of 4 pixels wide,
+                // so the rows are 4-byte aligned as well.
+                const UINT32 step = static_cast<UINT32>(tile.width) * ((bpp + 7) / 8);
+                size = step * static_cast<UINT32>(tile.height);
                 data = static_cast<BYTE*>(malloc(size));
-                if (data && !interleaved_compress(interleaved, data, &size, tile.width, tile.height, frame,
-                                                  PIXEL_FORMAT_BGRX32, stride, tile.x, tile.y, nullptr, bpp)) {
-                    free(data);
-                    data = nullptr;
+                // Row by row: FreeRDP 2.11's vertical flip reads outside a source taken at an offset.
+                for (int32_t row = 0; data && row < tile.height; ++row) {
+                    if (!freerdp_image_copy(data + static_cast<size_t>(tile.height - 1 - row) * step, rawFormat, step,
+                                            0, 0, tile.width, 1, frame, PIXEL_FORMAT_BGRX32, stride, tile.x,
+                                            tile.y + row, nullptr, FREERDP_FLIP_NONE)) {
+                        free(data);
+                        data = nullptr;
+                    }
                 }
             }
             if (!data) {
@@ -230,7 +240,7 @@ bool Encoder::sendBitmaps(const uint8_t* frame, uint32_t stride, uint32_t width,
             bitmap.width = tile.width;
             bitmap.height = tile.height;
             bitmap.bitsPerPixel = bpp;
-            bitmap.compressed = TRUE;
+            bitmap.compressed = codec_ == Codec::Planar;
             bitmap.bitmapLength = size;
             bitmap.bitmapDataStream = data;
             bitmap.cbScanWidth = tile.width * ((bpp + 7) / 8);

@@ -1,13 +1,13 @@
 #pragma once
 
 // Sends screen rectangles to one RDP client: RemoteFX surface bits framed by frame markers when the client
-// announced RemoteFX and surface commands, planar (32 bpp) or interleaved (lower depths) bitmap updates
-// otherwise. Bound to the event loop's thread.
+// announced RemoteFX and surface commands, planar bitmap updates to 32 bpp clients otherwise, and uncompressed
+// bitmaps at the client's depth to the others. (FreeRDP 2.11's interleaved RLE encoder does not decode back to
+// its input at 24 bpp, nor always at 16 bpp: see the encoder's unit tests.) Bound to the event loop's thread.
 
 #include <cstdint>
 #include <vector>
 
-#include <freerdp/codec/interleaved.h>
 #include <freerdp/codec/planar.h>
 #include <freerdp/codec/rfx.h>
 #include <freerdp/freerdp.h>
@@ -16,7 +16,7 @@
 
 namespace Vexa::Rdp {
 
-enum class Codec { RemoteFx, Planar, Interleaved };
+enum class Codec { RemoteFx, Planar, Uncompressed };
 const char* codecName(Codec codec) noexcept;
 
 class Encoder {
@@ -50,7 +50,7 @@ private:
     uint32_t bpp = 32;
     RFX_CONTEXT* rfx = nullptr;
     BITMAP_PLANAR_CONTEXT* planar = nullptr;
-    BITMAP_INTERLEAVED_CONTEXT* interleaved = nullptr;
+    uint32_t rawFormat = 0;
     wStream* stream = nullptr;
     uint32_t frameId = 0;
     uint64_t frames = 0, bytes = 0;

@@ -1,6 +1,7 @@
 #include "rdp/input_map.h"
 
 #include <freerdp/input.h>
+#include <xcb/xproto.h>
 
 namespace Vexa::Rdp {
 
@@ -73,6 +74,17 @@ KeyAction keyAction(uint16_t flags, uint8_t code) {
     action.scancode = code;
     action.extended = flags & KBD_FLAGS_EXTENDED;
     return action;
+}
+
+std::vector<uint8_t> lockKeysToTap(uint32_t syncFlags, uint16_t xModifierMask) {
+    std::vector<uint8_t> out;
+    if (((syncFlags & KBD_SYNC_CAPS_LOCK) != 0) != ((xModifierMask & XCB_MOD_MASK_LOCK) != 0)) {
+        out.push_back(0x3a);
+    }
+    if (((syncFlags & KBD_SYNC_NUM_LOCK) != 0) != ((xModifierMask & XCB_MOD_MASK_2) != 0)) {
+        out.push_back(0x45);
+    }
+    return out;
 }
 
 } // namespace Vexa::Rdp

@@ -33,4 +33,8 @@ struct KeyAction {
 // The key event for RDP keyboard flags (KBD_FLAGS_*) and code; a release flag wins over a down flag.
 KeyAction keyAction(uint16_t flags, uint8_t code);
 
+// The lock keys (RDP scancodes: Caps Lock 0x3A, Num Lock 0x45) to tap so that the X server's lock state (the
+// modifier mask: Lock for Caps Lock, Mod2 for Num Lock) matches the client's synchronize flags (KBD_SYNC_*).
+std::vector<uint8_t> lockKeysToTap(uint32_t syncFlags, uint16_t xModifierMask);
+
 } // namespace Vexa::Rdp

@@ -31,7 +31,8 @@ std::string sessionRequestJson(const LogonInfo& logon) {
     }
     json["width"] = side(logon.width, 1280);
     json["height"] = side(logon.height, 1024);
-    json["depth"] = logon.depth >= 24 || logon.depth == 0 ? 24 : 16;
+    // The capture reads 24-bit screens; clients of lower depths get the pixels converted.
+    json["depth"] = 24;
     json["sec:nla"] = logon.nla;
     json["sec:tls"] = logon.tls;
     json["sec:rdp"] = logon.rdp;

@@ -21,7 +21,7 @@ struct LogonInfo {
 };
 
 // The JSON text of vexaSessionRequest. The size is bounded to what an X screen takes (the service refuses
-// more); the depth becomes 24 for 24 and 32 bpp clients, 16 for lower ones. Holds the password: wipe it after use.
+// more); the session's depth is always 24, whatever the client's. Holds the password: wipe it after use.
 std::string sessionRequestJson(const LogonInfo& logon);
 
 // How a refusal of the session request is told to the client.

@@ -23,6 +23,7 @@ constexpr const char* usage = "usage: vexa_rdp_transport [--fd N] [--config PATH
 
 // The journal when systemd started us with stderr connected to it; a console with time stamps otherwise.
 void setLogLevel(const std::string& name) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): called before any other thread starts
     if (!std::getenv("JOURNAL_STREAM")) {
         Vexa::Syslog::setDebugLevel(Vexa::DebugLevel::Console);
         return;

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 
 #include <arpa/inet.h>
@@ -25,12 +27,14 @@
 #include <freerdp/peer.h>
 #include <freerdp/pointer.h>
 #include <freerdp/server/cliprdr.h>
+#include <freerdp/server/disp.h>
 #include <freerdp/session.h>
 #include <winpr/synch.h>
 #include <winpr/wtsapi.h>
 
 #include "common/json_config.h"
 #include "common/logger.h"
+#include "common/utils.h"
 #include "rdp/bus_client.h"
 #include "rdp/clipboard_text.h"
 #include "rdp/cursor_shape.h"
@@ -38,6 +42,7 @@
 #include "rdp/encoder.h"
 #include "rdp/input_map.h"
 #include "rdp/logon.h"
+#include "rdp/monitor_layout.h"
 #include "rdp/x_clipboard.h"
 #include "rdp/x_display.h"
 #include "xcb/xauth_file.h"
@@ -114,6 +119,11 @@ public:
     ~Connection() {
         encoder.reset();
         closeClipboard();
+        if (disp) {
+            // Joins the channel's thread: no layout arrives after this.
+            disp->Close(disp);
+            disp_server_context_free(disp);
+        }
         if (vcm) {
             WTSCloseServer(vcm);
         }
@@ -126,6 +136,9 @@ public:
         }
         if (signalEvent) {
             CloseHandle(signalEvent);
+        }
+        if (layoutEvent) {
+            CloseHandle(layoutEvent);
         }
         if (signalFd >= 0) {
             close(signalFd);
@@ -152,6 +165,7 @@ private:
         inactivityReported = false;
     }
     void keyboard(UINT16 flags, UINT16 code);
+    void synchronize(UINT32 flags);
     void mouse(const std::vector<PointerAction>& actions);
     void checkInactivity();
     void openClipboard();
@@ -161,6 +175,8 @@ private:
     UINT clientFormatDataRequest(const CLIPRDR_FORMAT_DATA_REQUEST& request);
     UINT clientFormatDataResponse(const CLIPRDR_FORMAT_DATA_RESPONSE& response);
     void sendClipboardText(std::optional<std::string> text);
+    void openDisplayControl();
+    void applyLayout();
     void handleX();
     int timeoutMs() const;
 
@@ -189,9 +205,16 @@ private:
     bool activated = false;
     bool suppressed = false;
     bool resizePending = false;
-    bool loggedCodec = false;
     bool terminated = false;
     int exitCode = 0;
+
+    // The display control channel: FreeRDP reads it on a thread of its own, whose callback leaves the client's
+    // newest monitor layout here and sets layoutEvent; the event loop applies it.
+    DispServerContext* disp = nullptr;
+    bool dispTried = false;
+    HANDLE layoutEvent = nullptr;
+    std::mutex layoutLock;
+    std::optional<std::vector<Monitor>> newLayout; // guarded by layoutLock
 
     std::vector<Rect> pending;
     Clock::time_point nextFrame{};
@@ -208,7 +231,7 @@ bool Connection::setUp() {
         const bool certMissing = access(config.certificate.c_str(), R_OK) != 0;
         const std::string& path = certMissing ? config.certificate : config.key;
         Syslog::error("%s: cannot read the TLS %s `%s', error: %s", "setUp", certMissing ? "certificate" : "key",
-                      path.c_str(), strerror(errno));
+                      path.c_str(), Utils::errnoText(errno).c_str());
         return false;
     }
     if (!freerdp_settings_set_string(settings, FreeRDP_CertificateFile, config.certificate.c_str()) ||
@@ -236,12 +259,16 @@ bool Connection::setUp() {
     settings->HasHorizontalWheel = TRUE;
     settings->UnicodeInput = FALSE;
     settings->DesktopResize = TRUE;
+    settings->SupportDisplayControl = TRUE;
 
     peer->PostConnect = [](freerdp_peer* p) -> BOOL { return ownerOf(p->context)->postConnect(); };
     peer->Activate = [](freerdp_peer* p) -> BOOL { return ownerOf(p->context)->activate(); };
 
     rdpInput* input = peer->input;
-    input->SynchronizeEvent = [](rdpInput*, UINT32) -> BOOL { return TRUE; };
+    input->SynchronizeEvent = [](rdpInput* in, UINT32 flags) -> BOOL {
+        ownerOf(in->context)->synchronize(flags);
+        return TRUE;
+    };
     input->KeyboardEvent = [](rdpInput* in, UINT16 flags, UINT16 code) -> BOOL {
         ownerOf(in->context)->keyboard(flags, code);
         return TRUE;
@@ -286,19 +313,21 @@ bool Connection::setUp() {
         return false;
     }
 
+    // The signals were blocked before any thread started (serveConnection); they arrive here instead.
     sigset_t mask;
     sigemptyset(&mask);
     sigaddset(&mask, SIGTERM);
     sigaddset(&mask, SIGINT);
     sigaddset(&mask, SIGHUP);
-    sigprocmask(SIG_BLOCK, &mask, nullptr);
     signalFd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
     if (signalFd < 0) {
-        Syslog::error("%s: %s failed, error: %s, code: %d", "setUp", "signalfd", strerror(errno), errno);
+        Syslog::error("%s: %s failed, error: %s, code: %d", "setUp", "signalfd", Utils::errnoText(errno).c_str(),
+                      errno);
         return false;
     }
     signalEvent = CreateFileDescriptorEvent(nullptr, FALSE, FALSE, signalFd, WINPR_FD_READ);
-    return signalEvent != nullptr;
+    layoutEvent = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    return signalEvent != nullptr && layoutEvent != nullptr;
 }
 
 void Connection::refuse(uint32_t errorInfo, int64_t logonError, const char* reason) {
@@ -416,7 +445,9 @@ bool Connection::attach(const LogonInfo& logon) {
 
     // FreeRDP's keyboard tables look at the X server named by DISPLAY: the session's, with its cookie file.
     const std::string displayName = ":" + std::to_string(display);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet (the channels' start after activation)
     setenv("DISPLAY", displayName.c_str(), 1);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): as above
     setenv("XAUTHORITY", xauthfile.c_str(), 1);
     const DWORD layout = freerdp_keyboard_init(peer->settings->KeyboardLayout);
     Syslog::debug("%s: keyboard layout: 0x%08x, client: 0x%08x", "attach", layout, peer->settings->KeyboardLayout);
@@ -445,7 +476,8 @@ void Connection::applyTcpKeepAlive() {
         setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle)) != 0 ||
         setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &idle, sizeof(idle)) != 0 ||
         setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof(count)) != 0) {
-        Syslog::debug("%s: %s failed, error: %s, code: %d", "applyTcpKeepAlive", "setsockopt", strerror(errno), errno);
+        Syslog::debug("%s: %s failed, error: %s, code: %d", "applyTcpKeepAlive", "setsockopt",
+                      Utils::errnoText(errno).c_str(), errno);
         return;
     }
     Syslog::debug("%s: interval: %us, failures: %u", "applyTcpKeepAlive", interval, failures);
@@ -470,11 +502,9 @@ bool Connection::activate() {
         Syslog::error("%s: exception: %s", "activate", err.what());
         return FALSE;
     }
-    if (!loggedCodec) {
-        Syslog::info("%s: session id: %u, codec: %s, depth: %u, multifrag: %u", "activate", sessionId,
-                     codecName(encoder->codec()), settings->ColorDepth, settings->MultifragMaxRequestSize);
-        loggedCodec = true;
-    }
+    Syslog::info("%s: session id: %u, desktop: %ux%u, codec: %s, depth: %u, multifrag: %u", "activate", sessionId,
+                 settings->DesktopWidth, settings->DesktopHeight, codecName(encoder->codec()), settings->ColorDepth,
+                 settings->MultifragMaxRequestSize);
     activated = true;
     if (!cliprdr) {
         openClipboard();
@@ -565,6 +595,21 @@ void Connection::keyboard(UINT16 flags, UINT16 code) {
     x->flush();
 }
 
+// The client's lock keys at focus or connection: the session's follow them.
+void Connection::synchronize(UINT32 flags) {
+    if (!x) {
+        return;
+    }
+    for (const uint8_t scancode : lockKeysToTap(flags, x->modifierState())) {
+        const DWORD keycode = freerdp_keyboard_get_x11_keycode_from_rdp_scancode(scancode, FALSE);
+        if (keycode > 0 && keycode < 256) {
+            x->fakeKey(static_cast<uint8_t>(keycode), true);
+            x->fakeKey(static_cast<uint8_t>(keycode), false);
+        }
+    }
+    x->flush();
+}
+
 void Connection::mouse(const std::vector<PointerAction>& actions) {
     if (!x) {
         return;
@@ -602,6 +647,9 @@ void Connection::handleX() {
     auto events = x->dispatch();
     if (events.broken) {
         Syslog::notice("%s: display: %u, X server gone", "handleX", display);
+        // The session ended under the client: a logoff as far as it is concerned.
+        freerdp_set_error_info(peer->context->rdp, ERRINFO_LOGOFF_BY_USER);
+        freerdp_send_error_info(peer->context->rdp);
         terminated = true;
         return;
     }
@@ -686,9 +734,11 @@ void Connection::openClipboard() {
     general.version = CB_CAPS_VERSION_2;
     general.generalFlags = CB_USE_LONG_FORMAT_NAMES;
     CLIPRDR_CAPABILITIES caps{};
+    caps.msgType = CB_CLIP_CAPS;
     caps.cCapabilitiesSets = 1;
     caps.capabilitySets = reinterpret_cast<CLIPRDR_CAPABILITY_SET*>(&general);
     CLIPRDR_MONITOR_READY ready{};
+    ready.msgType = CB_MONITOR_READY;
     if (cliprdr->ServerCapabilities(cliprdr, &caps) != CHANNEL_RC_OK ||
         cliprdr->MonitorReady(cliprdr, &ready) != CHANNEL_RC_OK) {
         Syslog::error("%s: %s failed", "openClipboard", "cliprdr initialization");
@@ -795,19 +845,90 @@ void Connection::sendClipboardText(std::optional<std::string> text) {
     cliprdr->ServerFormatDataResponse(cliprdr, &response);
 }
 
+void Connection::openDisplayControl() {
+    dispTried = true;
+    disp = disp_server_context_new(vcm);
+    if (!disp) {
+        Syslog::error("%s: %s failed", "openDisplayControl", "disp_server_context_new");
+        return;
+    }
+    disp->custom = this;
+    disp->rdpcontext = peer->context;
+    disp->MaxNumMonitors = 16;
+    disp->MaxMonitorAreaFactorA = 8192;
+    disp->MaxMonitorAreaFactorB = 8192;
+    disp->DispMonitorLayout = [](DispServerContext* context, const DISPLAY_CONTROL_MONITOR_LAYOUT_PDU* pdu) -> UINT {
+        auto* self = static_cast<Connection*>(context->custom);
+        std::vector<Monitor> monitors;
+        for (UINT32 i = 0; i < pdu->NumMonitors; ++i) {
+            const auto& m = pdu->Monitors[i];
+            monitors.push_back({m.Flags, m.Left, m.Top, m.Width, m.Height, m.PhysicalWidth, m.PhysicalHeight,
+                                m.Orientation, m.DesktopScaleFactor, m.DeviceScaleFactor});
+        }
+        {
+            const std::lock_guard lock(self->layoutLock);
+            self->newLayout = std::move(monitors);
+        }
+        SetEvent(self->layoutEvent);
+        return CHANNEL_RC_OK;
+    };
+    if (disp->Open(disp) != CHANNEL_RC_OK) {
+        Syslog::info("%s: the client has no display control channel", "openDisplayControl");
+        disp_server_context_free(disp);
+        disp = nullptr;
+        return;
+    }
+    if (disp->DisplayControlCaps(disp) != CHANNEL_RC_OK) {
+        Syslog::warning("%s: %s failed", "openDisplayControl", "DisplayControlCaps");
+        return;
+    }
+    Syslog::debug("%s: display control open", "openDisplayControl");
+}
+
+void Connection::applyLayout() {
+    ResetEvent(layoutEvent);
+    std::optional<std::vector<Monitor>> monitors;
+    {
+        const std::lock_guard lock(layoutLock);
+        monitors.swap(newLayout);
+    }
+    if (!monitors || !x) {
+        return;
+    }
+    const LayoutRequest request = layoutRequest(*monitors, x->width(), x->height());
+    switch (request.kind) {
+    case LayoutRequest::Ignore:
+        Syslog::debug("%s: layout ignored: %s", "applyLayout", request.reason.c_str());
+        return;
+    case LayoutRequest::Resize: {
+        const bool done = bus->displayResize(display, request.width, request.height, config.startTimeout);
+        Syslog::info("%s: display: %u, resize to %ux%u: %s", "applyLayout", display, request.width, request.height,
+                     done ? "success" : "failed");
+        return;
+    }
+    case LayoutRequest::Monitors: {
+        const bool done = bus->transportDisplayMonitorsChanged(display, request.monitors, config.startTimeout);
+        Syslog::info("%s: display: %u, %zu monitors: %s", "applyLayout", display, request.monitors.size(),
+                     done ? "success" : "failed");
+        return;
+    }
+    }
+}
+
 int Connection::run() {
     if (!setUp()) {
         return 1;
     }
     while (!terminated) {
         HANDLE handles[MAXIMUM_WAIT_OBJECTS];
-        DWORD count = peer->GetEventHandles(peer, handles, MAXIMUM_WAIT_OBJECTS - 4);
+        DWORD count = peer->GetEventHandles(peer, handles, MAXIMUM_WAIT_OBJECTS - 5);
         if (count == 0) {
             Syslog::error("%s: %s failed", "run", "GetEventHandles");
             break;
         }
         handles[count++] = WTSVirtualChannelManagerGetEventHandle(vcm);
         handles[count++] = signalEvent;
+        handles[count++] = layoutEvent;
         if (xEvent) {
             handles[count++] = xEvent;
         }
@@ -845,6 +966,13 @@ int Connection::run() {
             Syslog::info("%s: clipboard channel closed", "run");
             closeClipboard();
         }
+        if (activated && !dispTried && WTSVirtualChannelManagerIsChannelJoined(vcm, "drdynvc") &&
+            WTSVirtualChannelManagerGetDrdynvcState(vcm) == DRDYNVC_STATE_READY) {
+            openDisplayControl();
+        }
+        if (WaitForSingleObject(layoutEvent, 0) == WAIT_OBJECT_0) {
+            applyLayout();
+        }
         handleX();
         if (resizePending && x) {
             desktopResize();
@@ -869,6 +997,12 @@ int Connection::run() {
 } // namespace
 
 int serveConnection(int fd, const RdpConfig& config) {
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGTERM);
+    sigaddset(&mask, SIGINT);
+    sigaddset(&mask, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &mask, nullptr);
     WTSRegisterWtsApiFunctionTable(FreeRDP_InitWtsApi());
     try {
         Connection connection(fd, config);

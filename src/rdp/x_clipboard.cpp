@@ -106,18 +106,17 @@ void XClipboard::serve(const xcb_selection_request_event_t& request) {
     reply.property = request.property == XCB_NONE ? request.target : request.property;
     // What one request may carry, in bytes, leaving room for the request's own header.
     const size_t maxBytes = size_t{xcb_get_maximum_request_length(conn)} * 4 - 64;
-    if (!owned) {
-        reply.property = XCB_NONE;
-    } else if (request.target == targets) {
+    const bool textTarget = request.target == utf8 || request.target == text || request.target == XCB_ATOM_STRING;
+    if (owned && request.target == targets) {
         const xcb_atom_t list[] = {targets, utf8, text, XCB_ATOM_STRING};
         xcb_change_property(conn, XCB_PROP_MODE_REPLACE, request.requestor, reply.property, XCB_ATOM_ATOM, 32, 4, list);
-    } else if ((request.target == utf8 || request.target == text || request.target == XCB_ATOM_STRING) &&
-               owned->size() <= maxBytes) {
+    } else if (owned && textTarget && owned->size() <= maxBytes) {
         // STRING is Latin-1; ASCII text is the same in both, and X applications asking STRING take what comes.
         xcb_change_property(conn, XCB_PROP_MODE_REPLACE, request.requestor, reply.property,
                             request.target == XCB_ATOM_STRING ? xcb_atom_t{XCB_ATOM_STRING} : utf8, 8,
                             static_cast<uint32_t>(owned->size()), owned->data());
     } else {
+        // Nothing owned, an unknown target or more than one request carries: refused.
         reply.property = XCB_NONE;
     }
     xcb_send_event(conn, 0, request.requestor, XCB_EVENT_MASK_NO_EVENT, reinterpret_cast<const char*>(&reply));

@@ -17,6 +17,7 @@
 #include <xcb/xtest.h>
 
 #include "common/logger.h"
+#include "common/utils.h"
 
 namespace Vexa::Rdp {
 
@@ -110,16 +111,16 @@ void XDisplay::mapFrame() {
     frameSize = size_t{width_} * height_ * 4;
     const int memfd = memfd_create("vexa-rdp-frame", MFD_CLOEXEC);
     if (memfd < 0) {
-        throw std::runtime_error(std::string("memfd_create failed: ") + strerror(errno));
+        throw std::runtime_error(std::string("memfd_create failed: ") + Utils::errnoText(errno));
     }
     if (ftruncate(memfd, static_cast<off_t>(frameSize)) != 0) {
         close(memfd);
-        throw std::runtime_error(std::string("ftruncate failed: ") + strerror(errno));
+        throw std::runtime_error(std::string("ftruncate failed: ") + Utils::errnoText(errno));
     }
     void* addr = mmap(nullptr, frameSize, PROT_READ | PROT_WRITE, MAP_SHARED, memfd, 0);
     if (addr == MAP_FAILED) {
         close(memfd);
-        throw std::runtime_error(std::string("mmap failed: ") + strerror(errno));
+        throw std::runtime_error(std::string("mmap failed: ") + Utils::errnoText(errno));
     }
     frame_ = static_cast<uint8_t*>(addr);
     shmSeg = xcb_generate_id(conn);
@@ -227,6 +228,11 @@ std::optional<CursorImage> XDisplay::cursorImage() {
     }
     image.pixels.assign(pixels, pixels + length);
     return image;
+}
+
+uint16_t XDisplay::modifierState() {
+    auto reply = own(xcb_query_pointer_reply(conn, xcb_query_pointer(conn, root), nullptr));
+    return reply ? reply->mask : 0;
 }
 
 void XDisplay::fakeMotion(uint16_t x, uint16_t y) {

@@ -58,6 +58,9 @@ public:
     // Events this class does not handle itself go here (the clipboard's); true when taken.
     std::function<bool(const xcb_generic_event_t*)> otherEvents;
 
+    // The pointer's modifier and button mask (XCB_MOD_MASK_*), 0 when the server does not answer.
+    uint16_t modifierState();
+
     void fakeMotion(uint16_t x, uint16_t y);
     void fakeButton(uint8_t button, bool press);
     void fakeKey(uint8_t keycode, bool press);

@@ -3,9 +3,9 @@
 #   tests/system/run-container --build build --out /tmp/out-rdp --run tests/rdp/try-in-container.sh [-- CODEC]
 # The real vexa.service with Xvfb sessions running xterm, the transport behind systemd-socket-activate as the
 # unprivileged vexa-rdp (groups vexa, vexa-xauth) on 127.0.0.1:3390, and Debian's xfreerdp in an Xvfb of its
-# own. CODEC: "rfx" (the default: RemoteFX offered and taken), "bitmap" (planar, 32 bpp) or "bitmap16"
-# (interleaved, 16 bpp). Phases: a logon that types into the session's xterm and copies text both ways; a wrong password; a reconnect at
-# another size; SIGTERM to a transport; the inactivity limit. Output in OUT: run.log (the findings),
+# own. CODEC: "rfx" (the default: RemoteFX offered and taken), "bitmap" (planar, 32 bpp), "bitmap24" or "bitmap16"
+# (uncompressed bitmaps). Phases: a logon that types into the session's xterm and copies text both ways; a wrong password; a reconnect at
+# another size and a window resize; SIGTERM to a transport; a replacing client; the inactivity limit; the user ending the session. Output in OUT: run.log (the findings),
 # client.png and session.png (both screens after the first logon), transport.log, client-*.log, journal.json.
 set -u
 exec >/e2e/out/run.log 2>&1
@@ -58,12 +58,13 @@ codec_args=(/gdi:sw /rfx)
 case $codec in
 bitmap) codec_args=(/gdi:sw /bpp:32) ;;
 bitmap16) codec_args=(/gdi:sw /bpp:16) ;;
+bitmap24) codec_args=(/gdi:sw /bpp:24) ;;
 esac
 
-# client NAME SIZE PASSWORD: an xfreerdp in the background, its pid in $client.
+# client NAME SIZE PASSWORD [ARGS...]: an xfreerdp in the background, its pid in $client.
 client() {
     xfreerdp /v:127.0.0.1:$port /u:$user "/p:$3" /cert:ignore "/size:$2" /log-level:INFO "${codec_args[@]}" \
-        >"$out/client-$1.log" 2>&1 &
+        "${@:4}" >"$out/client-$1.log" 2>&1 &
     client=$!
 }
 # wait_log COUNT PATTERN: until the transport log holds COUNT lines matching PATTERN (20 s at most).
@@ -82,6 +83,8 @@ what = sys.argv[1]
 if what == "display":
     for name, sid in vexa.vexaSessions():
         print(json.loads(vexa.vexaSessionInfoJson(dbus.UInt32(sid)))["display"]); break
+elif what == "clipboard":
+    vexa.vexaSessionPolicyRedirectClipboard(dbus.Int32(-1), bool(int(sys.argv[2])), bool(int(sys.argv[3])))
 elif what == "inactivity":
     vexa.vexaSessionInactivityLimit(dbus.Int32(-1), dbus.UInt32(int(sys.argv[2])))
 ' "$@"
@@ -130,8 +133,27 @@ echo "client's clipboard: $(timeout 5 xclip -selection clipboard -o -display :77
 printf 'From-the-client €' | xclip -selection clipboard -i -display :77
 sleep 1
 echo "session's clipboard: $(XAUTHORITY=/run/vexa/xauth_$disp timeout 5 xclip -selection clipboard -o -display ":$disp" 2>&1)"
+# Client to server switched off for all sessions: the next copy stays on the client (asked again per transfer).
+vexa clipboard 0 1
+printf 'Not-for-the-session' | xclip -selection clipboard -i -display :77
+sleep 1
+echo "session's clipboard, client to server off: $(XAUTHORITY=/run/vexa/xauth_$disp timeout 5 xclip -selection clipboard -o -display ":$disp" 2>&1)"
+vexa clipboard 1 1
+# A scrolling terminal for 8 s: the transport's CPU time and the frames it sent (the frames line of the log).
+pid=$(transport_pid)
+ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
+before=$(ticks "$pid")
+xdotool mousemove --window "$window" 200 100 2>/dev/null
+xdotool type --delay 30 'seq 1 3000000' 2>/dev/null
+xdotool key Return 2>/dev/null
+sleep 8
+used=$(($(ticks "$pid") - before))
+echo "scrolling for 8 s: transport CPU $(awk -v t="$used" -v hz="$(getconf CLK_TCK)" 'BEGIN { printf "%.0f%%", t / hz / 8 * 100 }') of one core"
+xdotool key ctrl+c 2>/dev/null
+xwd -root -silent -display :77 | xwdtopnm 2>/dev/null | pnmtopng >"$out/client-scrolled.png"
 kill "$client"
 wait_log 1 'run: client .* left' || echo "FAIL: transport did not see the client leave"
+grep -h 'frames:' "$out/transport.log" | head -1
 sleep 1
 
 echo "== 2. wrong password"
@@ -141,11 +163,17 @@ echo "client exit: $status"
 grep -h 'connection refused\|session request refused' "$out/transport.log"
 grep -h 'ERRINFO\|LOGON' "$out/client-wrong.log" | head -3
 
-echo "== 3. reconnect at 800x600"
-client second 800x600 "$password"
+echo "== 3. reconnect at 800x600, then the client's window resized to 900x700 (display control)"
+client second 800x600 "$password" /dynamic-resolution
 wait_log 2 'activate: session id' || echo "FAIL: no second activation"
 sleep 2
-grep -h 'running session\|resize:\|desktopResize' "$out/transport.log"
+echo "session screen: $(XAUTHORITY=/run/vexa/xauth_$disp xdpyinfo -display ":$disp" | grep dimensions)"
+window=$(xdotool search --class xfreerdp 2>/dev/null | head -1)
+xdotool windowsize "$window" 900 700 2>/dev/null
+wait_log 1 'applyLayout' || echo "FAIL: no layout from the client"
+wait_log 3 'activate: session id' || echo "FAIL: no activation after the resize"
+sleep 1
+grep -h 'running session\|resize\|desktopResize\|applyLayout' "$out/transport.log"
 echo "session screen: $(XAUTHORITY=/run/vexa/xauth_$disp xdpyinfo -display ":$disp" | grep dimensions)"
 
 echo "== 4. SIGTERM to the transport"
@@ -156,13 +184,41 @@ wait_client 10
 echo "client exit: $status"
 grep -h 'signal 15\|frames:' "$out/transport.log" | tail -2
 
+echo "== 4b. a second client while one is connected (the default connect policy PrevReplace)"
+client fourth 1024x768 "$password"
+first_client=$client
+wait_log 4 'activate: session id' || echo "FAIL: no activation of the first client"
+client fifth 1024x768 "$password"
+wait_log 5 'activate: session id' || echo "FAIL: no activation of the replacing client"
+replacing=$client
+client=$first_client
+wait_client 10
+echo "replaced client exit: $status"
+client=$replacing
+kill "$client"
+wait_client 10
+
 echo "== 5. inactivity limit of 3 s"
 vexa inactivity 3
 client third 1024x768 "$password"
-wait_log 3 'activate: session id' || echo "FAIL: no third activation"
+wait_log 6 'activate: session id' || echo "FAIL: no activation for phase 5"
 wait_client 15
 echo "client exit after the inactivity disconnect: $status"
 grep -h 'checkInactivity' "$out/transport.log"
+
+echo "== 6. the user ends the session (exit in the xterm)"
+vexa inactivity 0
+client sixth 1024x768 "$password"
+wait_log 7 'activate: session id' || echo "FAIL: no activation for phase 6"
+sleep 1
+window=$(xdotool search --class xfreerdp 2>/dev/null | head -1)
+xdotool mousemove --window "$window" 200 100 2>/dev/null
+xdotool type --delay 60 'exit' 2>/dev/null
+xdotool key Return 2>/dev/null
+wait_client 15
+echo "client exit after the session ended: $status"
+grep -h 'X server gone' "$out/transport.log"
+echo "sessions left: $(busctl --system call ru.kelvo.vexa /ru/kelvo/vexa ru.kelvo.vexa vexaSessions)"
 
 kill "$activator" "$client_x"
 echo "--- the daemon on transports"

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <freerdp/codec/color.h>
 #include <freerdp/error.h>
 #include <freerdp/input.h>
 #include <freerdp/settings.h>
@@ -18,9 +19,11 @@
 #include "rdp/clipboard_text.h"
 #include "rdp/config.h"
 #include "rdp/cursor_shape.h"
+#include "rdp/encoder.h"
 #include "rdp/damage_region.h"
 #include "rdp/input_map.h"
 #include "rdp/logon.h"
+#include "rdp/monitor_layout.h"
 #include "start/session_request.h"
 
 using namespace Vexa;
@@ -160,8 +163,8 @@ TEST(RdpLogon, TheDaemonReadsTheRequestAsTheClientLoggedOn) {
     const Case cases[] = {
         {{"alice", "", "pa\"ss\\word", 1024, 768, 32, false, true, false}, 1024, 768, 24, ""},
         {{"bob", "CORP", "x", 1920, 1080, 24, true, false, false}, 1920, 1080, 24, "CORP"},
-        {{"carol", "", "ü€ unicode", 800, 600, 16, false, false, true}, 800, 600, 16, ""},
-        {{"dave", "", "p", 20000, 10, 8, false, true, false}, 8192, 64, 16, ""},
+        {{"carol", "", "ü€ unicode", 800, 600, 16, false, false, true}, 800, 600, 24, ""},
+        {{"dave", "", "p", 20000, 10, 8, false, true, false}, 8192, 64, 24, ""},
         {{"erin", "", "p", 0, 0, 0, false, true, false}, 1280, 1024, 24, ""},
     };
     for (const auto& c : cases) {
@@ -389,6 +392,29 @@ TEST(InputMap, ExtendedButtonsAndKeys) {
     }
 }
 
+TEST(InputMap, LockKeysFollowTheClientsSynchronizeFlags) {
+    struct Case {
+        uint32_t flags;
+        uint16_t mask;
+        std::vector<uint8_t> taps;
+    };
+    constexpr uint16_t lock = 0x02, mod2 = 0x10, shift = 0x01;
+    const Case cases[] = {
+        {0, 0, {}},
+        {KBD_SYNC_CAPS_LOCK, 0, {0x3a}},
+        {0, lock, {0x3a}},
+        {KBD_SYNC_CAPS_LOCK, lock, {}},
+        {KBD_SYNC_NUM_LOCK, 0, {0x45}},
+        {KBD_SYNC_NUM_LOCK | KBD_SYNC_CAPS_LOCK, shift, {0x3a, 0x45}},
+        {KBD_SYNC_SCROLL_LOCK | KBD_SYNC_KANA_LOCK, shift | lock | mod2, {0x3a, 0x45}},
+        {KBD_SYNC_NUM_LOCK | KBD_SYNC_CAPS_LOCK, lock | mod2, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.flags) + "/" + std::to_string(c.mask));
+        EXPECT_EQ(lockKeysToTap(c.flags, c.mask), c.taps);
+    }
+}
+
 TEST(CursorShape, MasksAreFlippedUnpremultipliedAndPadded) {
     CursorImage image;
     image.width = 3;
@@ -571,4 +597,216 @@ TEST(ClipboardText, PolicyBitsLimitAndFormats) {
     EXPECT_EQ(pickTextFormat(withUnicode), formatUnicodeText);
     EXPECT_EQ(pickTextFormat(ansiOnly), 0u);
     EXPECT_EQ(pickTextFormat({}), 0u);
+}
+
+TEST(MonitorLayout, OneMonitorResizesSeveralGoToTheServiceBadOnesAreIgnored) {
+    using K = LayoutRequest::Kind;
+    const Monitor hd{.flags = 1, .width = 1920, .height = 1080};
+    const Monitor side{.left = 1920, .width = 1280, .height = 1024};
+    struct Case {
+        const char* name;
+        std::vector<Monitor> monitors;
+        K kind;
+        uint16_t width = 0, height = 0;
+    };
+    const Case cases[] = {
+        {"one monitor, new size", {hd}, K::Resize, 1920, 1080},
+        {"one monitor, same size", {{.width = 1024, .height = 768}}, K::Ignore},
+        {"two monitors", {hd, side}, K::Monitors},
+        {"none", {}, K::Ignore},
+        {"too narrow", {{.width = 199, .height = 600}}, K::Ignore},
+        {"too tall", {{.width = 800, .height = 8193}}, K::Ignore},
+        {"smallest and largest", {{.width = 200, .height = 8192}}, K::Resize, 200, 8192},
+        {"one bad among several", {hd, {.width = 100, .height = 100}}, K::Ignore},
+        {"seventeen monitors", std::vector<Monitor>(17, hd), K::Ignore},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto request = layoutRequest(c.monitors, 1024, 768);
+        EXPECT_EQ(request.kind, c.kind) << request.reason;
+        if (c.kind == K::Resize) {
+            EXPECT_EQ(request.width, c.width);
+            EXPECT_EQ(request.height, c.height);
+        }
+        if (c.kind == K::Monitors) {
+            ASSERT_EQ(request.monitors.size(), c.monitors.size());
+            EXPECT_EQ(request.monitors[1].left, 1920);
+        }
+        if (c.kind == K::Ignore) {
+            EXPECT_FALSE(request.reason.empty());
+        }
+    }
+}
+
+namespace {
+
+// A peer's context for the encoder with the updates it sends decoded onto a canvas, as a client would.
+struct DecodingPeer {
+    rdpContext context{}; // first: the update callbacks get this address
+    rdpUpdate update{};
+    rdpSettings* settings = freerdp_settings_new(FREERDP_SETTINGS_SERVER_MODE);
+    BITMAP_PLANAR_CONTEXT* planar = freerdp_bitmap_planar_context_new(0, 64, 64);
+    uint32_t width, height;
+    std::vector<uint8_t> canvas;
+    size_t updates = 0, rectangles = 0;
+    bool decodeFailed = false;
+
+    DecodingPeer(uint32_t w, uint32_t h, uint32_t depth) : width(w), height(h), canvas(size_t{w} * h * 4, 0) {
+        settings->DesktopWidth = w;
+        settings->DesktopHeight = h;
+        settings->ColorDepth = depth;
+        settings->RemoteFxCodec = FALSE;
+        context.settings = settings;
+        context.update = &update;
+        update.context = &context;
+        update.BitmapUpdate = [](rdpContext* ctx, const BITMAP_UPDATE* bitmap) -> BOOL {
+            auto* self = reinterpret_cast<DecodingPeer*>(ctx);
+            ++self->updates;
+            for (UINT32 i = 0; i < bitmap->number; ++i) {
+                const BITMAP_DATA& b = bitmap->rectangles[i];
+                ++self->rectangles;
+                // As FreeRDP's client does: planar for compressed 32 bpp, a flipped copy for uncompressed data.
+                const UINT32 format = b.bitsPerPixel == 24   ? PIXEL_FORMAT_BGR24
+                                      : b.bitsPerPixel == 16 ? PIXEL_FORMAT_RGB16
+                                                             : PIXEL_FORMAT_RGB15;
+                const bool ok = b.compressed ? b.bitsPerPixel == 32 &&
+                                                   planar_decompress(self->planar, b.bitmapDataStream, b.bitmapLength,
+                                                                     b.width, b.height, self->canvas.data(),
+                                                                     PIXEL_FORMAT_BGRX32, self->width * 4, b.destLeft,
+                                                                     b.destTop, b.width, b.height, TRUE)
+                                             : b.bitmapLength == b.width * b.height * GetBytesPerPixel(format) &&
+                                                   self->copyFlipped(b, format);
+                self->decodeFailed |=
+                    !ok || b.destRight != b.destLeft + b.width - 1 || b.destBottom != b.destTop + b.height - 1;
+            }
+            return TRUE;
+        };
+    }
+    // Uncompressed data: rows bottom up, packed.
+    bool copyFlipped(const BITMAP_DATA& b, UINT32 format) {
+        const UINT32 step = b.width * GetBytesPerPixel(format);
+        for (UINT32 row = 0; row < b.height; ++row) {
+            if (!freerdp_image_copy(canvas.data(), PIXEL_FORMAT_BGRX32, width * 4, b.destLeft, b.destTop + row, b.width,
+                                    1, b.bitmapDataStream + (b.height - 1 - row) * step, format, step, 0, 0, nullptr,
+                                    FREERDP_FLIP_NONE)) {
+                return false;
+            }
+        }
+        return true;
+    }
+    ~DecodingPeer() {
+        freerdp_bitmap_planar_context_free(planar);
+        freerdp_settings_free(settings);
+    }
+};
+
+// A screen of text-like noise with a gradient, in the X server's BGRX layout.
+std::vector<uint8_t> syntheticScreen(uint32_t width, uint32_t height) {
+    std::vector<uint8_t> frame(size_t{width} * height * 4);
+    uint32_t seed = 12345;
+    for (uint32_t y = 0; y < height; ++y) {
+        for (uint32_t x = 0; x < width; ++x) {
+            seed = seed * 1103515245 + 12345;
+            uint8_t* p = &frame[(size_t{y} * width + x) * 4];
+            const bool ink = (y % 16) < 12 && ((seed >> 16) % 5) == 0;
+            p[0] = ink ? 0 : static_cast<uint8_t>(x * 255 / width);
+            p[1] = ink ? 0 : static_cast<uint8_t>(y * 255 / height);
+            p[2] = ink ? 0 : 0xe0;
+            p[3] = 0;
+        }
+    }
+    return frame;
+}
+
+} // namespace
+
+TEST(Encoder, BitmapUpdatesDecodeToTheScreenTheyWereTakenFrom) {
+    struct Case {
+        const char* name;
+        uint32_t depth;
+        Codec codec;
+        int tolerance; // per colour channel
+        std::vector<Rect> rects;
+    };
+    const Case cases[] = {
+        {"planar, whole screen", 32, Codec::Planar, 0, {{0, 0, 200, 150}}},
+        {"planar, odd rectangles", 32, Codec::Planar, 0, {{3, 5, 17, 9}, {150, 100, 50, 50}, {199, 149, 1, 1}}},
+        {"uncompressed 24 bpp", 24, Codec::Uncompressed, 0, {{0, 0, 200, 150}}},
+        {"uncompressed 16 bpp", 16, Codec::Uncompressed, 8, {{0, 0, 200, 150}}},
+        {"uncompressed 15 bpp", 15, Codec::Uncompressed, 8, {{5, 7, 100, 70}}},
+    };
+    const uint32_t width = 200, height = 150;
+    const auto frame = syntheticScreen(width, height);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        DecodingPeer peer(width, height, c.depth);
+        Encoder encoder(&peer.context, true);
+        ASSERT_EQ(encoder.codec(), c.codec);
+        ASSERT_TRUE(encoder.send(frame.data(), width * 4, width, height, c.rects));
+        EXPECT_FALSE(peer.decodeFailed);
+        EXPECT_GT(peer.rectangles, 0u);
+        // Every pixel of the rectangles (widened to whole 4-pixel columns) arrived.
+        size_t wrong = 0;
+        for (const auto& r : c.rects) {
+            for (int y = r.y; y < r.bottom(); ++y) {
+                for (int x = r.x; x < r.right(); ++x) {
+                    const size_t at = (static_cast<size_t>(y) * width + static_cast<size_t>(x)) * 4;
+                    for (int k = 0; k < 3; ++k) {
+                        wrong += std::abs(int{frame[at + k]} - int{peer.canvas[at + k]}) > c.tolerance;
+                    }
+                }
+            }
+        }
+        EXPECT_EQ(wrong, 0u);
+    }
+}
+
+TEST(Encoder, LargeFramesAreSplitIntoUpdatesWithinTheClientsLimit) {
+    const uint32_t width = 1024, height = 768;
+    const auto frame = syntheticScreen(width, height);
+    struct Case {
+        uint32_t multifrag;
+        bool split;
+    };
+    // No multi-fragment support: one fast-path PDU's worth; a large limit takes the whole frame at once.
+    for (const auto [multifrag, split] : {Case{0, true}, Case{0x10000, true}, Case{0x400000, false}}) {
+        SCOPED_TRACE(multifrag);
+        DecodingPeer peer(width, height, 32);
+        peer.settings->MultifragMaxRequestSize = multifrag;
+        size_t largest = 0;
+        peer.update.BitmapUpdate = [](rdpContext* ctx, const BITMAP_UPDATE* bitmap) -> BOOL {
+            auto* self = reinterpret_cast<DecodingPeer*>(ctx);
+            ++self->updates;
+            size_t bytes = 0;
+            for (UINT32 i = 0; i < bitmap->number; ++i) {
+                bytes += bitmap->rectangles[i].bitmapLength;
+            }
+            self->rectangles = std::max<size_t>(self->rectangles, bytes);
+            return TRUE;
+        };
+        Encoder encoder(&peer.context, true);
+        ASSERT_TRUE(encoder.send(frame.data(), width * 4, width, height, {{0, 0, 1024, 768}}));
+        largest = peer.rectangles;
+        EXPECT_LE(largest, std::max<size_t>(multifrag, 0x3f00) - 1024);
+        EXPECT_EQ(peer.updates > 1, split) << peer.updates << " updates";
+    }
+}
+
+TEST(DamageRegion, ManyScatteredRectanglesBecomeRowBandsThenTheCap) {
+    // Three bands of rows, each with many small, far apart rectangles.
+    std::vector<Rect> rects;
+    for (int band : {0, 300, 600}) {
+        for (int i = 0; i < 30; ++i) {
+            rects.push_back({i * 60, band + (i % 3), 8, 16});
+        }
+    }
+    const Rect screen{0, 0, 1920, 1080};
+    const auto merged = mergeRects(rects, screen, 8);
+    ASSERT_EQ(merged.size(), 3u);
+    for (const auto& r : rects) {
+        EXPECT_TRUE(std::any_of(merged.begin(), merged.end(), [&](const Rect& m) { return m.contains(r); }));
+    }
+    for (const auto& m : merged) {
+        EXPECT_LE(m.height, 18);
+    }
 }
