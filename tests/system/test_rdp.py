@@ -251,8 +251,6 @@ def test_a_second_client_under_the_connect_policy(rdp_socket, daemon, new_user, 
 
 
 @needs_transport
-@pytest.mark.xfail(strict=True, reason="the transport serves no display control channel yet: a client's new window "
-                   "size never reaches the session (remove this mark when it does)")
 def test_resizing_the_clients_window_resizes_the_session(rdp_socket, sessions, new_user, clients):
     user, _ = rdp_user(new_user, "rdpsize")
     client, sid, info, _ = login(sessions, clients, user, extra=["/dynamic-resolution"])
