@@ -415,6 +415,40 @@ TEST(InputMap, LockKeysFollowTheClientsSynchronizeFlags) {
     }
 }
 
+TEST(InputMap, UnicodeUnitsBecomeKeysyms) {
+    struct Case {
+        std::u16string units;
+        std::vector<uint32_t> keysyms; // one per completed character
+    };
+    const Case cases[] = {
+        {u"a", {0x61}},
+        {u"é", {0xe9}},
+        {u"€", {0x010020ac}},
+        {u"Ж", {0x01000416}},
+        {u"\U0001F600", {0x0101f600}},
+        {std::u16string{0xdc00, u'x'}, {0x78}},                 // a stray low surrogate is dropped
+        {std::u16string{0xd83d, u'x'}, {0x78}},                 // a high surrogate without its low one is dropped
+        {std::u16string{0xd83d, 0xd83d, 0xde00}, {0x0101f600}}, // the last high surrogate counts
+        {u"\t", {0}},                                           // control characters type nothing
+        {std::u16string{0x7f}, {0}},
+        {std::u16string{0x85}, {0}},
+        {std::u16string{0xa0}, {0xa0}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.keysyms.empty() ? 0 : c.keysyms[0]);
+        Utf16Joiner joiner;
+        std::vector<uint32_t> keysyms;
+        for (char16_t unit : c.units) {
+            if (const auto character = joiner.add(unit)) {
+                keysyms.push_back(unicodeKeysym(*character));
+            }
+        }
+        EXPECT_EQ(keysyms, c.keysyms);
+    }
+    EXPECT_EQ(unicodeKeysym(0x110000), 0u);
+    EXPECT_EQ(unicodeKeysym(0xd800), 0u);
+}
+
 TEST(CursorShape, MasksAreFlippedUnpremultipliedAndPadded) {
     CursorImage image;
     image.width = 3;
