@@ -42,10 +42,10 @@ for round in $(seq "$rounds"); do
     for who in root "$caller"; do
         for target in "ru.kelvo.vexa /ru/kelvo/vexa ru.kelvo.vexa" \
             "ru.kelvo.vexa.echo /ru/kelvo/vexa/echo ru.kelvo.vexa.echo"; do
-            # shellcheck disable=SC2086 # the target is three words
             server=$daemon_pid
             [[ $target == ru.kelvo.vexa.echo* ]] && server=$echo_pid
             before=$(ticks "$server")
+            # shellcheck disable=SC2086 # the target is three words
             line=$(setpriv --reuid="$who" --regid="$who" --init-groups "$tools/vexa_bench_calls" $target "$seconds")
             used=$(($(ticks "$server") - before))
             line="$line   cpu $(awk -v t="$used" -v hz="$hz" -v s="$seconds" -v a="$(echo "$line" | awk '{print $3}')" \

@@ -32,7 +32,7 @@ def xauth_cookies(data):
                 (size,) = struct.unpack_from(">H", data, pos)
                 fields.append(data[pos + 2:pos + 2 + size])
                 pos += 2 + size
-            if fields[2] == b"MIT-MAGIC-COOKIE-1" and len(fields[3]) == 16:
+            if fields[2] == b"MIT-MAGIC-COOKIE-1" and len(fields[3]) >= 16:
                 cookies.append(fields[3].hex())
     except struct.error:
         pass  # caught while being written: the next look reads it whole
