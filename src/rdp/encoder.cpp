@@ -177,6 +177,11 @@ bool Encoder::sendRemoteFx(const uint8_t* frame, uint32_t stride, uint32_t width
         } else {
             Stream_SetPosition(stream, 0);
             ok = rfx_write_message(rfx, stream, message) && sendStream();
+            // FreeRDP 2.11 copies the rectangles into the message without marking them its own to free.
+            if (!message->freeRects && message->rects != rfxRects.data()) {
+                free(message->rects);
+                message->rects = nullptr;
+            }
             rfx_message_free(rfx, message);
         }
         const SURFACE_FRAME_MARKER end{SURFACECMD_FRAMEACTION_END, frameId};
