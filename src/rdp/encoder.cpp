@@ -143,12 +143,6 @@ bool Encoder::send(const uint8_t* frame, uint32_t stride, uint32_t width, uint32
 
 bool Encoder::sendRemoteFx(const uint8_t* frame, uint32_t stride, uint32_t width, uint32_t height,
                            const std::vector<Rect>& rects) {
-    std::vector<RFX_RECT> rfxRects;
-    rfxRects.reserve(rects.size());
-    for (const auto& rect : rects) {
-        rfxRects.push_back({static_cast<UINT16>(rect.x), static_cast<UINT16>(rect.y), static_cast<UINT16>(rect.width),
-                            static_cast<UINT16>(rect.height)});
-    }
     rdpUpdate* update = context->update;
     const SURFACE_FRAME_MARKER begin{SURFACECMD_FRAMEACTION_BEGIN, ++frameId};
     bool ok = update->SurfaceFrameMarker(context, &begin);
@@ -166,35 +160,71 @@ bool Encoder::sendRemoteFx(const uint8_t* frame, uint32_t stride, uint32_t width
         bytes += cmd.bmp.bitmapDataLength;
         return update->SurfaceBits(context, &cmd) != FALSE;
     };
-    // One message when even its worst case fits the client's limit. (Splitting, rfx_encode_messages_ex, loses a
-    // few bytes each time in FreeRDP 2.11: it is left to the large updates, such as whole screens.) A written
-    // message is never thrown away: the first one carries the codec's headers.
-    if (ok && worstRemoteFxSize(rects) <= maxUpdateSize()) {
+    // Messages whose worst case fits the client's limit: the rectangles as they are when they fit together, else
+    // groups of tile-sized pieces. (FreeRDP's own splitting, rfx_encode_messages_ex, loses a few bytes on every
+    // call in 2.11: it is left to pieces that alone exceed a small limit.)
+    const size_t limit = maxUpdateSize();
+    std::vector<std::vector<Rect>> groups;
+    if (worstRemoteFxSize(rects) <= limit) {
+        groups.push_back(rects);
+    } else {
+        std::vector<Rect> group;
+        for (const auto& rect : rects) {
+            for (const auto& piece : tileRect(rect, tileSide)) {
+                group.push_back(piece);
+                if (group.size() > 1 && worstRemoteFxSize(group) > limit) {
+                    group.pop_back();
+                    groups.push_back(std::move(group));
+                    group = {piece};
+                }
+            }
+        }
+        if (!group.empty()) {
+            groups.push_back(std::move(group));
+        }
+    }
+    for (const auto& group : groups) {
+        if (ok) {
+            ok = sendRemoteFxMessages(frame, stride, width, height, group, sendStream);
+        }
+    }
+    const SURFACE_FRAME_MARKER end{SURFACECMD_FRAMEACTION_END, frameId};
+    return update->SurfaceFrameMarker(context, &end) && ok;
+}
+
+bool Encoder::sendRemoteFxMessages(const uint8_t* frame, uint32_t stride, uint32_t width, uint32_t height,
+                                   const std::vector<Rect>& rects, const std::function<bool()>& sendStream) {
+    std::vector<RFX_RECT> rfxRects;
+    rfxRects.reserve(rects.size());
+    for (const auto& rect : rects) {
+        rfxRects.push_back({static_cast<UINT16>(rect.x), static_cast<UINT16>(rect.y), static_cast<UINT16>(rect.width),
+                            static_cast<UINT16>(rect.height)});
+    }
+    // A written message is never thrown away: the first one carries the codec's headers.
+    if (worstRemoteFxSize(rects) <= maxUpdateSize()) {
         RFX_MESSAGE* message = rfx_encode_message(rfx, rfxRects.data(), rfxRects.size(), frame, width, height, stride);
         if (!message) {
             Syslog::error("%s: %s failed", "Encoder::sendRemoteFx", "rfx_encode_message");
-            ok = false;
-        } else {
-            Stream_SetPosition(stream, 0);
-            ok = rfx_write_message(rfx, stream, message) && sendStream();
-            // FreeRDP 2.11 copies the rectangles into the message without marking them its own to free.
-            if (!message->freeRects && message->rects != rfxRects.data()) {
-                free(message->rects);
-                message->rects = nullptr;
-            }
-            rfx_message_free(rfx, message);
+            return false;
         }
-        const SURFACE_FRAME_MARKER end{SURFACECMD_FRAMEACTION_END, frameId};
-        return update->SurfaceFrameMarker(context, &end) && ok;
+        Stream_SetPosition(stream, 0);
+        const bool ok = rfx_write_message(rfx, stream, message) && sendStream();
+        // FreeRDP 2.11 copies the rectangles into the message without marking them its own to free.
+        if (!message->freeRects && message->rects != rfxRects.data()) {
+            free(message->rects);
+            message->rects = nullptr;
+        }
+        rfx_message_free(rfx, message);
+        return ok;
     }
     size_t count = 0;
-    RFX_MESSAGE* messages = ok ? rfx_encode_messages_ex(rfx, rfxRects.data(), rfxRects.size(), frame, width, height,
-                                                        stride, &count, maxUpdateSize())
-                               : nullptr;
+    RFX_MESSAGE* messages = rfx_encode_messages_ex(rfx, rfxRects.data(), rfxRects.size(), frame, width, height, stride,
+                                                   &count, maxUpdateSize());
     if (!messages) {
         Syslog::error("%s: %s failed", "Encoder::sendRemoteFx", "rfx_encode_messages_ex");
-        ok = false;
+        return false;
     }
+    bool ok = true;
     for (size_t i = 0; i < count; ++i) {
         if (ok) {
             Stream_SetPosition(stream, 0);
@@ -203,8 +233,7 @@ bool Encoder::sendRemoteFx(const uint8_t* frame, uint32_t stride, uint32_t width
         rfx_message_free(rfx, &messages[i]);
     }
     free(messages);
-    const SURFACE_FRAME_MARKER end{SURFACECMD_FRAMEACTION_END, frameId};
-    return update->SurfaceFrameMarker(context, &end) && ok;
+    return ok;
 }
 
 bool Encoder::sendBitmaps(const uint8_t* frame, uint32_t stride, uint32_t width, uint32_t height,
