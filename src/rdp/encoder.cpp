@@ -161,7 +161,7 @@ bool Encoder::sendRemoteFx(const uint8_t* frame, uint32_t stride, uint32_t width
         return update->SurfaceBits(context, &cmd) != FALSE;
     };
     // Messages whose worst case fits the client's limit: the rectangles as they are when they fit together, else
-    // groups of tile-sized pieces. (FreeRDP's own splitting, rfx_encode_messages_ex, loses a few bytes on every
+    // groups of bands of them. (FreeRDP's own splitting, rfx_encode_messages_ex, loses a few bytes on every
     // call in 2.11: it is left to pieces that alone exceed a small limit.)
     const size_t limit = maxUpdateSize();
     std::vector<std::vector<Rect>> groups;
@@ -170,7 +170,14 @@ bool Encoder::sendRemoteFx(const uint8_t* frame, uint32_t stride, uint32_t width
     } else {
         std::vector<Rect> group;
         for (const auto& rect : rects) {
-            for (const auto& piece : tileRect(rect, tileSide)) {
+            // Bands one row of the codec's tile grid high, so that no tile is encoded twice.
+            std::vector<Rect> bands;
+            for (int32_t y = rect.y; y < rect.bottom();) {
+                const int32_t next = std::min(rect.bottom(), (y / tileSide + 1) * tileSide);
+                bands.push_back({rect.x, y, rect.width, next - y});
+                y = next;
+            }
+            for (const auto& piece : bands) {
                 group.push_back(piece);
                 if (group.size() > 1 && worstRemoteFxSize(group) > limit) {
                     group.pop_back();
