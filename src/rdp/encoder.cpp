@@ -32,6 +32,19 @@ Rect alignColumns(const Rect& rect, int32_t screenWidth) {
     return {left, rect.y, right - left, rect.height};
 }
 
+// The most a RemoteFX message of these rectangles can take: every 64 x 64 tile they touch at its worst
+// (three channels of 4096 coefficients at two bytes each: a wide margin over what RLGR makes), and the headers.
+size_t worstRemoteFxSize(const std::vector<Rect>& rects) {
+    constexpr size_t tileWorst = 3 * 4096 * 2 + 64;
+    size_t tiles = 0;
+    for (const auto& rect : rects) {
+        const int32_t columns = (rect.right() + tileSide - 1) / tileSide - rect.x / tileSide;
+        const int32_t rows = (rect.bottom() + tileSide - 1) / tileSide - rect.y / tileSide;
+        tiles += static_cast<size_t>(std::max(columns, 0)) * static_cast<size_t>(std::max(rows, 0));
+    }
+    return tiles * tileWorst + 4096;
+}
+
 } // namespace
 
 const char* codecName(Codec codec) noexcept {
@@ -130,11 +143,86 @@ bool Encoder::send(const uint8_t* frame, uint32_t stride, uint32_t width, uint32
 
 bool Encoder::sendRemoteFx(const uint8_t* frame, uint32_t stride, uint32_t width, uint32_t height,
                            const std::vector<Rect>& rects) {
+    rdpUpdate* update = context->update;
+    const SURFACE_FRAME_MARKER begin{SURFACECMD_FRAMEACTION_BEGIN, ++frameId};
+    bool ok = update->SurfaceFrameMarker(context, &begin);
+    auto sendStream = [&]() {
+        SURFACE_BITS_COMMAND cmd{};
+        cmd.cmdType = CMDTYPE_STREAM_SURFACE_BITS;
+        cmd.destRight = width;
+        cmd.destBottom = height;
+        cmd.bmp.bpp = 32;
+        cmd.bmp.codecID = static_cast<UINT16>(context->settings->RemoteFxCodecId);
+        cmd.bmp.width = static_cast<UINT16>(width);
+        cmd.bmp.height = static_cast<UINT16>(height);
+        cmd.bmp.bitmapDataLength = static_cast<UINT32>(Stream_GetPosition(stream));
+        cmd.bmp.bitmapData = Stream_Buffer(stream);
+        bytes += cmd.bmp.bitmapDataLength;
+        return update->SurfaceBits(context, &cmd) != FALSE;
+    };
+    // Messages whose worst case fits the client's limit: the rectangles as they are when they fit together, else
+    // groups of bands of them. (FreeRDP's own splitting, rfx_encode_messages_ex, loses a few bytes on every
+    // call in 2.11: it is left to pieces that alone exceed a small limit.)
+    const size_t limit = maxUpdateSize();
+    std::vector<std::vector<Rect>> groups;
+    if (worstRemoteFxSize(rects) <= limit) {
+        groups.push_back(rects);
+    } else {
+        std::vector<Rect> group;
+        for (const auto& rect : rects) {
+            // Bands one row of the codec's tile grid high, so that no tile is encoded twice.
+            std::vector<Rect> bands;
+            for (int32_t y = rect.y; y < rect.bottom();) {
+                const int32_t next = std::min(rect.bottom(), (y / tileSide + 1) * tileSide);
+                bands.push_back({rect.x, y, rect.width, next - y});
+                y = next;
+            }
+            for (const auto& piece : bands) {
+                group.push_back(piece);
+                if (group.size() > 1 && worstRemoteFxSize(group) > limit) {
+                    group.pop_back();
+                    groups.push_back(std::move(group));
+                    group = {piece};
+                }
+            }
+        }
+        if (!group.empty()) {
+            groups.push_back(std::move(group));
+        }
+    }
+    for (const auto& group : groups) {
+        if (ok) {
+            ok = sendRemoteFxMessages(frame, stride, width, height, group, sendStream);
+        }
+    }
+    const SURFACE_FRAME_MARKER end{SURFACECMD_FRAMEACTION_END, frameId};
+    return update->SurfaceFrameMarker(context, &end) && ok;
+}
+
+bool Encoder::sendRemoteFxMessages(const uint8_t* frame, uint32_t stride, uint32_t width, uint32_t height,
+                                   const std::vector<Rect>& rects, const std::function<bool()>& sendStream) {
     std::vector<RFX_RECT> rfxRects;
     rfxRects.reserve(rects.size());
     for (const auto& rect : rects) {
         rfxRects.push_back({static_cast<UINT16>(rect.x), static_cast<UINT16>(rect.y), static_cast<UINT16>(rect.width),
                             static_cast<UINT16>(rect.height)});
+    }
+    // A written message is never thrown away: the first one carries the codec's headers.
+    if (worstRemoteFxSize(rects) <= maxUpdateSize()) {
+        RFX_MESSAGE* message = rfx_encode_message(rfx, rfxRects.data(), rfxRects.size(), frame, width, height, stride);
+        if (!message) {
+            Syslog::error("%s: %s failed", "Encoder::sendRemoteFx", "rfx_encode_message");
+            return false;
+        }
+        Stream_SetPosition(stream, 0);
+        const bool ok = rfx_write_message(rfx, stream, message) && sendStream();
+        // FreeRDP 2.11 copies the rectangles into the message without marking them its own to free.
+        if (!message->freeRects && message->rects != rfxRects.data()) {
+            free(message->rects);
+            message->rects = nullptr;
+        }
+        rfx_message_free(rfx, message);
+        return ok;
     }
     size_t count = 0;
     RFX_MESSAGE* messages = rfx_encode_messages_ex(rfx, rfxRects.data(), rfxRects.size(), frame, width, height, stride,
@@ -143,36 +231,16 @@ bool Encoder::sendRemoteFx(const uint8_t* frame, uint32_t stride, uint32_t width
         Syslog::error("%s: %s failed", "Encoder::sendRemoteFx", "rfx_encode_messages_ex");
         return false;
     }
-    rdpUpdate* update = context->update;
     bool ok = true;
-    const SURFACE_FRAME_MARKER begin{SURFACECMD_FRAMEACTION_BEGIN, ++frameId};
-    ok = update->SurfaceFrameMarker(context, &begin);
     for (size_t i = 0; i < count; ++i) {
         if (ok) {
             Stream_SetPosition(stream, 0);
-            ok = rfx_write_message(rfx, stream, &messages[i]);
-            if (ok) {
-                SURFACE_BITS_COMMAND cmd{};
-                cmd.cmdType = CMDTYPE_STREAM_SURFACE_BITS;
-                cmd.destLeft = 0;
-                cmd.destTop = 0;
-                cmd.destRight = width;
-                cmd.destBottom = height;
-                cmd.bmp.bpp = 32;
-                cmd.bmp.codecID = static_cast<UINT16>(context->settings->RemoteFxCodecId);
-                cmd.bmp.width = static_cast<UINT16>(width);
-                cmd.bmp.height = static_cast<UINT16>(height);
-                cmd.bmp.bitmapDataLength = static_cast<UINT32>(Stream_GetPosition(stream));
-                cmd.bmp.bitmapData = Stream_Buffer(stream);
-                bytes += cmd.bmp.bitmapDataLength;
-                ok = update->SurfaceBits(context, &cmd);
-            }
+            ok = rfx_write_message(rfx, stream, &messages[i]) && sendStream();
         }
         rfx_message_free(rfx, &messages[i]);
     }
     free(messages);
-    const SURFACE_FRAME_MARKER end{SURFACECMD_FRAMEACTION_END, frameId};
-    return update->SurfaceFrameMarker(context, &end) && ok;
+    return ok;
 }
 
 bool Encoder::sendBitmaps(const uint8_t* frame, uint32_t stride, uint32_t width, uint32_t height,

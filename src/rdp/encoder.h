@@ -6,6 +6,7 @@
 // its input at 24 bpp, nor always at 16 bpp: see the encoder's unit tests.) Bound to the event loop's thread.
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include <freerdp/codec/planar.h>
@@ -40,6 +41,9 @@ public:
 private:
     bool sendRemoteFx(const uint8_t* frame, uint32_t stride, uint32_t width, uint32_t height,
                       const std::vector<Rect>& rects);
+    // One group of rectangles as RemoteFX message(s), each handed to `sendStream` from the encoder's stream.
+    bool sendRemoteFxMessages(const uint8_t* frame, uint32_t stride, uint32_t width, uint32_t height,
+                              const std::vector<Rect>& rects, const std::function<bool()>& sendStream);
     bool sendBitmaps(const uint8_t* frame, uint32_t stride, uint32_t width, uint32_t height,
                      const std::vector<Rect>& rects);
     // The most a single update PDU may carry for this client.

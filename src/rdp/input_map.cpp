@@ -76,6 +76,30 @@ KeyAction keyAction(uint16_t flags, uint8_t code) {
     return action;
 }
 
+uint32_t unicodeKeysym(char32_t c) {
+    if (c < 0x20 || c == 0x7f || (c >= 0x80 && c < 0xa0) || (c >= 0xd800 && c <= 0xdfff) || c > 0x10ffff) {
+        return 0;
+    }
+    return c <= 0xff ? static_cast<uint32_t>(c) : 0x01000000u + static_cast<uint32_t>(c);
+}
+
+std::optional<char32_t> Utf16Joiner::add(char16_t unit) {
+    if (unit >= 0xd800 && unit <= 0xdbff) {
+        high = unit;
+        return std::nullopt;
+    }
+    if (unit >= 0xdc00 && unit <= 0xdfff) {
+        const char16_t first = high;
+        high = 0;
+        if (first == 0) {
+            return std::nullopt;
+        }
+        return 0x10000 + ((char32_t{first} - 0xd800) << 10) + (char32_t{unit} - 0xdc00);
+    }
+    high = 0;
+    return unit;
+}
+
 std::vector<uint8_t> lockKeysToTap(uint32_t syncFlags, uint16_t xModifierMask) {
     std::vector<uint8_t> out;
     if (((syncFlags & KBD_SYNC_CAPS_LOCK) != 0) != ((xModifierMask & XCB_MOD_MASK_LOCK) != 0)) {

@@ -3,6 +3,7 @@
 // RDP pointer and keyboard events as the X events XTEST fakes. Pure, any thread.
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace Vexa::Rdp {
@@ -32,6 +33,20 @@ struct KeyAction {
 
 // The key event for RDP keyboard flags (KBD_FLAGS_*) and code; a release flag wins over a down flag.
 KeyAction keyAction(uint16_t flags, uint8_t code);
+
+// The X keysym of a Unicode character: Latin-1 characters are their own keysyms, the others 0x01000000 + code.
+// 0 for control characters, surrogates and values beyond Unicode.
+uint32_t unicodeKeysym(char32_t c);
+
+// Joins the UTF-16 units of unicode key events into characters: a high surrogate waits for its low one.
+class Utf16Joiner {
+public:
+    // The character the unit completes, or nullopt (a high surrogate kept, or a stray low one dropped).
+    std::optional<char32_t> add(char16_t unit);
+
+private:
+    char16_t high = 0;
+};
 
 // The lock keys (RDP scancodes: Caps Lock 0x3A, Num Lock 0x45) to tap so that the X server's lock state (the
 // modifier mask: Lock for Caps Lock, Mod2 for Num Lock) matches the client's synchronize flags (KBD_SYNC_*).

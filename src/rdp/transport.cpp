@@ -166,6 +166,7 @@ private:
     }
     void keyboard(UINT16 flags, UINT16 code);
     void synchronize(UINT32 flags);
+    void unicodeKey(UINT16 flags, UINT16 code);
     void mouse(const std::vector<PointerAction>& actions);
     void checkInactivity();
     void openClipboard();
@@ -216,6 +217,8 @@ private:
     std::mutex layoutLock;
     std::optional<std::vector<Monitor>> newLayout; // guarded by layoutLock
 
+    Utf16Joiner unicodeUnits;
+
     std::vector<Rect> pending;
     Clock::time_point nextFrame{};
     uint32_t cursorSerial = 0;
@@ -257,7 +260,7 @@ bool Connection::setUp() {
     settings->SurfaceFrameMarkerEnabled = TRUE;
     settings->HasExtendedMouseEvent = TRUE;
     settings->HasHorizontalWheel = TRUE;
-    settings->UnicodeInput = FALSE;
+    settings->UnicodeInput = TRUE;
     settings->DesktopResize = TRUE;
     settings->SupportDisplayControl = TRUE;
 
@@ -273,7 +276,10 @@ bool Connection::setUp() {
         ownerOf(in->context)->keyboard(flags, code);
         return TRUE;
     };
-    input->UnicodeKeyboardEvent = [](rdpInput*, UINT16, UINT16) -> BOOL { return TRUE; };
+    input->UnicodeKeyboardEvent = [](rdpInput* in, UINT16 flags, UINT16 code) -> BOOL {
+        ownerOf(in->context)->unicodeKey(flags, code);
+        return TRUE;
+    };
     input->MouseEvent = [](rdpInput* in, UINT16 flags, UINT16 px, UINT16 py) -> BOOL {
         ownerOf(in->context)->mouse(pointerActions(flags, px, py));
         return TRUE;
@@ -593,6 +599,22 @@ void Connection::keyboard(UINT16 flags, UINT16 code) {
     }
     x->fakeKey(static_cast<uint8_t>(keycode), action.press);
     x->flush();
+}
+
+// A character the client's keyboard has no key for: typed through a keycode mapped to it for the moment.
+void Connection::unicodeKey(UINT16 flags, UINT16 code) {
+    if (!x || (flags & KBD_FLAGS_RELEASE)) {
+        return;
+    }
+    noteInput();
+    const auto character = unicodeUnits.add(static_cast<char16_t>(code));
+    if (!character) {
+        return;
+    }
+    const uint32_t keysym = unicodeKeysym(*character);
+    if (keysym == 0 || !x->typeKeysym(keysym)) {
+        Syslog::debug("%s: U+%04X not typed", "unicodeKey", static_cast<unsigned>(*character));
+    }
 }
 
 // The client's lock keys at focus or connection: the session's follow them.

@@ -119,7 +119,11 @@ void XClipboard::serve(const xcb_selection_request_event_t& request) {
         // Nothing owned, an unknown target or more than one request carries: refused.
         reply.property = XCB_NONE;
     }
-    xcb_send_event(conn, 0, request.requestor, XCB_EVENT_MASK_NO_EVENT, reinterpret_cast<const char*>(&reply));
+    // SendEvent carries 32 bytes, more than the notify's structure has.
+    char event[32] = {};
+    static_assert(sizeof(reply) <= sizeof(event));
+    std::memcpy(event, &reply, sizeof(reply));
+    xcb_send_event(conn, 0, request.requestor, XCB_EVENT_MASK_NO_EVENT, event);
     xcb_flush(conn);
 }
 

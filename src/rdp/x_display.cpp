@@ -1,5 +1,6 @@
 #include "rdp/x_display.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -247,6 +248,43 @@ void XDisplay::fakeButton(uint8_t button, bool press) {
 
 void XDisplay::fakeKey(uint8_t keycode, bool press) {
     xcb_test_fake_input(conn, press ? XCB_KEY_PRESS : XCB_KEY_RELEASE, keycode, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+}
+
+bool XDisplay::typeKeysym(uint32_t keysym) {
+    if (spareKeycode == 0) {
+        spareKeycode = 255;
+        const xcb_setup_t* setup = xcb_get_setup(conn);
+        const uint8_t first = setup->min_keycode;
+        const auto count = static_cast<uint8_t>(setup->max_keycode - setup->min_keycode + 1);
+        auto map = own(xcb_get_keyboard_mapping_reply(conn, xcb_get_keyboard_mapping(conn, first, count), nullptr));
+        if (map && map->keysyms_per_keycode > 0) {
+            keysymsPerKeycode = map->keysyms_per_keycode;
+            const xcb_keysym_t* syms = xcb_get_keyboard_mapping_keysyms(map.get());
+            // From the top: the keycodes above the keyboard's own are the usual empty ones.
+            for (int code = first + count - 1; code >= first; --code) {
+                const xcb_keysym_t* row = syms + static_cast<size_t>(code - first) * keysymsPerKeycode;
+                if (std::all_of(row, row + keysymsPerKeycode, [](xcb_keysym_t k) { return k == 0; })) {
+                    spareKeycode = static_cast<uint8_t>(code);
+                    break;
+                }
+            }
+        }
+    }
+    if (spareKeycode == 255 || keysymsPerKeycode == 0) {
+        return false;
+    }
+    // The same keysym with and without Shift; X clients read the new map from the MappingNotify that reaches
+    // them before the key events.
+    std::vector<xcb_keysym_t> row(keysymsPerKeycode, 0);
+    row[0] = keysym;
+    if (row.size() > 1) {
+        row[1] = keysym;
+    }
+    xcb_change_keyboard_mapping(conn, 1, spareKeycode, keysymsPerKeycode, row.data());
+    fakeKey(spareKeycode, true);
+    fakeKey(spareKeycode, false);
+    xcb_flush(conn);
+    return true;
 }
 
 void XDisplay::flush() {

@@ -64,6 +64,9 @@ public:
     void fakeMotion(uint16_t x, uint16_t y);
     void fakeButton(uint8_t button, bool press);
     void fakeKey(uint8_t keycode, bool press);
+    // Types one keysym through a keycode the keyboard map leaves empty, mapped to it for the purpose; false when
+    // the map has no empty keycode.
+    bool typeKeysym(uint32_t keysym);
     void flush();
 
 private:
@@ -75,6 +78,9 @@ private:
     uint16_t width_ = 0, height_ = 0;
     uint8_t damageEvent = 0, xfixesEvent = 0, randrEvent = 0;
     uint32_t damage = 0, region = 0, shmSeg = 0;
+    // The empty keycode typeKeysym maps (0: not looked for yet, 255 too: none found) and the map's width.
+    uint8_t spareKeycode = 0;
+    uint8_t keysymsPerKeycode = 0;
     uint8_t* frame_ = nullptr;
     size_t frameSize = 0;
 };

@@ -1,6 +1,6 @@
 #!/bin/bash
 # A by-hand try of the RDP transport end to end, as the job of the throwaway container:
-#   tests/system/run-container --build build --out /tmp/out-rdp --run tests/rdp/try-in-container.sh [-- CODEC]
+#   tests/system/run-container --build build --out /tmp/out-rdp --run tests/rdp/try-in-container.sh [-- CODEC [valgrind]]
 # The real vexa.service with Xvfb sessions running xterm, the transport behind systemd-socket-activate as the
 # unprivileged vexa-rdp (groups vexa, vexa-xauth) on 127.0.0.1:3390, and Debian's xfreerdp in an Xvfb of its
 # own. CODEC: "rfx" (the default: RemoteFX offered and taken), "bitmap" (planar, 32 bpp), "bitmap24" or "bitmap16"
@@ -12,6 +12,13 @@ exec >/e2e/out/run.log 2>&1
 # shellcheck source=/dev/null
 . /etc/vexa-e2e.env
 codec=${E2E_PYTEST_ARGS[0]:-rfx}
+# A second argument "valgrind" runs every transport under valgrind (its reports in OUT/valgrind-PID.log).
+wrapper=()
+if [ "${E2E_PYTEST_ARGS[1]:-}" = valgrind ]; then
+    mkdir -m 1777 /tmp/valgrind
+    wrapper=(valgrind --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite
+        "--log-file=/tmp/valgrind/valgrind-%p.log")
+fi
 export HOME=/root
 out=/e2e/out
 user=rdpuser
@@ -45,7 +52,7 @@ chgrp vexa /etc/vexa/rdp/tls.key && chmod 0640 /etc/vexa/rdp/tls.key
 # The transport as the units will run it: one process per accepted connection, the socket as descriptor 3.
 setpriv --reuid=vexa-rdp --regid=vexa-rdp --init-groups \
     systemd-socket-activate --accept --listen=127.0.0.1:$port \
-    /usr/libexec/vexa/vexa_rdp_transport --log debug >"$out/transport.log" 2>&1 &
+    "${wrapper[@]}" /usr/libexec/vexa/vexa_rdp_transport --log debug >"$out/transport.log" 2>&1 &
 activator=$!
 sleep 1
 
@@ -227,6 +234,11 @@ journalctl --no-pager -u vexa.service -o cat |
 echo "--- transport log"
 grep -v '^\[..:..:..:...\] \[[0-9]*:[0-9]*\] \[INFO\]' "$out/transport.log"
 journalctl -o json --no-pager >"$out/journal.json" 2>/dev/null
+if [ -d /tmp/valgrind ]; then
+    cp /tmp/valgrind/* "$out/" 2>/dev/null
+    echo "--- valgrind"
+    grep -h 'ERROR SUMMARY\|definitely lost' /tmp/valgrind/*
+fi
 systemctl stop vexa.service
 chmod a+r "$out"/* 2>/dev/null
 exit 0

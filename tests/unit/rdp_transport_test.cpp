@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include <freerdp/codec/color.h>
+#include <freerdp/codec/region.h>
+#include <freerdp/codec/rfx.h>
 #include <freerdp/error.h>
 #include <freerdp/input.h>
 #include <freerdp/settings.h>
@@ -415,6 +417,40 @@ TEST(InputMap, LockKeysFollowTheClientsSynchronizeFlags) {
     }
 }
 
+TEST(InputMap, UnicodeUnitsBecomeKeysyms) {
+    struct Case {
+        std::u16string units;
+        std::vector<uint32_t> keysyms; // one per completed character
+    };
+    const Case cases[] = {
+        {u"a", {0x61}},
+        {u"é", {0xe9}},
+        {u"€", {0x010020ac}},
+        {u"Ж", {0x01000416}},
+        {u"\U0001F600", {0x0101f600}},
+        {std::u16string{0xdc00, u'x'}, {0x78}},                 // a stray low surrogate is dropped
+        {std::u16string{0xd83d, u'x'}, {0x78}},                 // a high surrogate without its low one is dropped
+        {std::u16string{0xd83d, 0xd83d, 0xde00}, {0x0101f600}}, // the last high surrogate counts
+        {u"\t", {0}},                                           // control characters type nothing
+        {std::u16string{0x7f}, {0}},
+        {std::u16string{0x85}, {0}},
+        {std::u16string{0xa0}, {0xa0}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.keysyms.empty() ? 0 : c.keysyms[0]);
+        Utf16Joiner joiner;
+        std::vector<uint32_t> keysyms;
+        for (char16_t unit : c.units) {
+            if (const auto character = joiner.add(unit)) {
+                keysyms.push_back(unicodeKeysym(*character));
+            }
+        }
+        EXPECT_EQ(keysyms, c.keysyms);
+    }
+    EXPECT_EQ(unicodeKeysym(0x110000), 0u);
+    EXPECT_EQ(unicodeKeysym(0xd800), 0u);
+}
+
 TEST(CursorShape, MasksAreFlippedUnpremultipliedAndPadded) {
     CursorImage image;
     image.width = 3;
@@ -808,5 +844,78 @@ TEST(DamageRegion, ManyScatteredRectanglesBecomeRowBandsThenTheCap) {
     }
     for (const auto& m : merged) {
         EXPECT_LE(m.height, 18);
+    }
+}
+
+TEST(Encoder, RemoteFxFramesDecodeCloseToTheScreenWhateverTheClientsLimit) {
+    const uint32_t width = 640, height = 480;
+    const auto frame = syntheticScreen(width, height);
+    struct Case {
+        const char* name;
+        uint32_t multifrag;
+        std::vector<Rect> rects;
+    };
+    const Case cases[] = {
+        {"whole screen, large limit", 0x400000, {{0, 0, 640, 480}}},
+        {"whole screen in groups", 0x40000, {{0, 0, 640, 480}}},
+        {"several rectangles in groups", 0x30000, {{0, 0, 300, 200}, {350, 250, 290, 230}, {10, 400, 5, 5}}},
+        {"a character", 0x400000, {{100, 100, 8, 16}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        DecodingPeer peer(width, height, 32);
+        peer.settings->RemoteFxCodec = TRUE;
+        peer.settings->SurfaceCommandsEnabled = TRUE;
+        peer.settings->MultifragMaxRequestSize = c.multifrag;
+        struct Decoder {
+            RFX_CONTEXT* rfx = rfx_context_new(FALSE);
+            size_t largest = 0, commands = 0, begins = 0, ends = 0;
+            bool failed = false;
+            ~Decoder() { rfx_context_free(rfx); }
+        };
+        static Decoder* decoder = nullptr;
+        Decoder state;
+        decoder = &state;
+        rfx_context_set_pixel_format(state.rfx, PIXEL_FORMAT_BGRX32);
+        peer.update.SurfaceBits = [](rdpContext* ctx, const SURFACE_BITS_COMMAND* cmd) -> BOOL {
+            auto* self = reinterpret_cast<DecodingPeer*>(ctx);
+            REGION16 region;
+            region16_init(&region);
+            decoder->failed |= !rfx_process_message(decoder->rfx, cmd->bmp.bitmapData, cmd->bmp.bitmapDataLength,
+                                                    cmd->destLeft, cmd->destTop, self->canvas.data(),
+                                                    PIXEL_FORMAT_BGRX32, self->width * 4, self->height, &region);
+            region16_uninit(&region);
+            decoder->largest = std::max<size_t>(decoder->largest, cmd->bmp.bitmapDataLength);
+            ++decoder->commands;
+            return TRUE;
+        };
+        peer.update.SurfaceFrameMarker = [](rdpContext*, const SURFACE_FRAME_MARKER* marker) -> BOOL {
+            ++(marker->frameAction == SURFACECMD_FRAMEACTION_BEGIN ? decoder->begins : decoder->ends);
+            return TRUE;
+        };
+        Encoder encoder(&peer.context, true);
+        ASSERT_EQ(encoder.codec(), Codec::RemoteFx);
+        ASSERT_TRUE(encoder.send(frame.data(), width * 4, width, height, c.rects));
+        EXPECT_FALSE(state.failed);
+        EXPECT_EQ(state.begins, 1u);
+        EXPECT_EQ(state.ends, 1u);
+        EXPECT_GE(state.commands, 1u);
+        EXPECT_LE(state.largest, c.multifrag - 1024);
+        // Lossy, but close: the mean error per channel inside the rectangles.
+        double error = 0;
+        size_t samples = 0;
+        for (const auto& r : c.rects) {
+            for (int y = r.y; y < r.bottom(); ++y) {
+                for (int x = r.x; x < r.right(); ++x) {
+                    const size_t at = (static_cast<size_t>(y) * width + static_cast<size_t>(x)) * 4;
+                    for (int k = 0; k < 3; ++k) {
+                        error += std::abs(int{frame[at + k]} - int{peer.canvas[at + k]});
+                        ++samples;
+                    }
+                }
+            }
+        }
+        EXPECT_LT(error / static_cast<double>(samples), 6.0);
+        decoder = nullptr;
     }
 }
