@@ -70,10 +70,11 @@ void logFailure(const char* call, int err) {
     Syslog::warning("%s: %s failed, error: %s, code: %d", self, call, Utils::errnoText(err).c_str(), err);
 }
 
-// Waits for the child; a stop request while waiting is passed on to it once as SIGTERM. The stop signals and
-// SIGCHLD stay blocked except inside sigsuspend, so a request that comes between the check and the wait
-// still wakes the wait.
-int waitChild(pid_t pid, bool forwardStop) {
+// Waits for the child; a stop request while waiting is passed on to it once as SIGTERM, and so is the end of
+// `companion` (the X server the child's programs draw on), which is reaped here and reported in
+// `companionEnded`. The stop signals and SIGCHLD stay blocked except inside sigsuspend, so a request that comes
+// between the check and the wait still wakes the wait.
+int waitChild(pid_t pid, bool forwardStop, pid_t companion = -1, bool* companionEnded = nullptr) {
     sigset_t wake;
     sigset_t previous;
     sigemptyset(&wake);
@@ -88,6 +89,18 @@ int waitChild(pid_t pid, bool forwardStop) {
     int status = -1;
     bool forwarded = false;
     while (true) {
+        if (companion > 0 && !*companionEnded) {
+            int companionStatus = 0;
+            if (waitpid(companion, &companionStatus, WNOHANG) == companion) {
+                *companionEnded = true;
+                Syslog::warning("%s: x server ended, pid: %d, the session ends", self, companion);
+                Utils::syslogWaitStatus(companionStatus, self, companion);
+                if (!forwarded) {
+                    kill(pid, SIGTERM);
+                    forwarded = true;
+                }
+            }
+        }
         if (forwardStop && stopRequested && !forwarded) {
             kill(pid, SIGTERM);
             forwarded = true;
@@ -298,6 +311,7 @@ int runSessionManagerProcess(SessionManagerPlan plan) {
 
     int result = EXIT_FAILURE;
     pid_t xorg = -1;
+    bool xorgEnded = false;
     try {
         xorg = runXorgDisplay(&session, plan.xorgArgs, plan.xorgPath, env, plan.depth, plan.width, plan.height);
         waitXorgSocket(plan.xorgSocket, plan.display, xorg, serviceStopFd());
@@ -317,7 +331,8 @@ int runSessionManagerProcess(SessionManagerPlan plan) {
             if (stopRequested) {
                 kill(child, SIGTERM);
             }
-            const int status = waitChild(child, true);
+            // A session whose display has gone has nothing left to show: it ends the ordinary way.
+            const int status = waitChild(child, true, xorg, &xorgEnded);
             Utils::syslogWaitStatus(status, self, child);
             Syslog::debug("%s: wait pid: %d", self, child);
             result = EXIT_SUCCESS;
@@ -327,7 +342,7 @@ int runSessionManagerProcess(SessionManagerPlan plan) {
     }
 
     pam->closeSession();
-    if (xorg > 0) {
+    if (xorg > 0 && !xorgEnded) {
         kill(xorg, SIGTERM);
         waitChild(xorg, false);
     }
