@@ -319,17 +319,17 @@ class Bench:
                 restarter = None
             else:
                 restarter = subprocess.Popen(["systemctl", "restart", "vexa.service"])
-            refused, first_refused, answered = 0, None, None
+            refused, first_refused, answered, errors = 0, None, None, set()
             while answered is None:
                 try:
+                    got = sorted(int(sid) for _, sid in self.svc.value("vexaSessions"))
                     pid = int(self.svc.prop("MainPID", "Service"))
-                    got = sorted(int(sid) for _, sid in self.svc.value("vexaSessions")) if pid not in (0, old) \
-                        else None
-                except dbus.exceptions.DBusException:
+                except dbus.exceptions.DBusException as e:
                     refused += 1
+                    errors.add(e.get_dbus_name().rsplit(".", 1)[-1])
                     first_refused = first_refused or time.monotonic()
-                    got = None
-                if got == listed:
+                    got = pid = None
+                if got == listed and pid not in (None, 0, old):
                     answered = time.monotonic()
                 elif time.monotonic() - began > 120:
                     raise RuntimeError(f"{how}: the sessions were not listed again within 120 s")
@@ -342,22 +342,20 @@ class Bench:
             stamp = lambda e: int(e["__REALTIME_TIMESTAMP"]) / 1e6  # noqa: E731
             adopted = [stamp(e) for e in lines if e["MESSAGE"].startswith("adoptSessions: session adopted")]
             ready = next(stamp(e) for e in lines if e["MESSAGE"].startswith("start: started"))
-            clock = os.sysconf("SC_CLK_TCK")
-            boot = next(float(line.split()[1]) for line in pathlib.Path("/proc/stat").read_text().splitlines()
-                        if line.startswith("btime"))
-            exec_at = boot + int(pathlib.Path(f"/proc/{self.svc.pid}/stat").read_text().rsplit(")", 1)[1].split()[19]) \
-                / clock
+            # the start time counts clock ticks since boot: its age on the boot clock, set against the wall clock
+            ticks = int(pathlib.Path(f"/proc/{self.svc.pid}/stat").read_text().rsplit(")", 1)[1].split()[19])
+            exec_at = time.time() - (time.clock_gettime(time.CLOCK_BOOTTIME) - ticks / os.sysconf("SC_CLK_TCK"))
             now = sorted(json.loads(str(self.svc.value("vexaSessionInfoJson", "u", sid)))["pid2"] for sid in sids)
             rows.append([how, (answered - began) * 1000, (ready - exec_at) * 1000,
                          (adopted[-1] - adopted[0]) * 1000 if adopted else 0.0, len(adopted),
                          (answered - first_refused) * 1000 if first_refused else 0.0, refused,
-                         "same" if now == managers else "CHANGED"])
+                         ",".join(sorted(errors)) or "-", "same" if now == managers else "CHANGED"])
         table(f"restart: {count} live sessions; ms from the restart (or the kill) until vexaSessions lists all again; "
               "the new daemon's process start to its \"started\" line (start-up with the records read and checked, "
               "exec at clock-tick resolution); first to last \"session adopted\" line; ms from the first refused call "
-              "to the full answer, calls refused meanwhile (name not owned), session managers",
+              "to the full answer, calls refused meanwhile (every 5 ms) and their errors, session managers",
               ["how", "until listed", "exec to started", "adoption", "adopted", "refused window", "refused",
-               "managers"], rows)
+               "errors", "managers"], rows)
         end(self.svc, sids, timeout=600)
 
     def run(self):
