@@ -168,8 +168,8 @@ private:
     // stops meanwhile.
     std::optional<std::string> waitSessionBus(const SessionPtr& session, int managerEnded);
     void applyFileLimits(const SessionPtr& session);
-    // One record of adoptSessions: true when the session is back in the registry.
-    bool adoptSession(const SessionRecord& record, const std::filesystem::path& path);
+    // One record of adoptSessions: Adopt when the session is back in the registry, else why not.
+    Adoption adoptSession(const SessionRecord& record, const std::filesystem::path& path);
     // A recorded session that cannot be taken back: its scope's processes are ended, its files removed.
     void cleanupRecordedSession(const SessionRecord& record, const std::filesystem::path& path, Adoption decision);
     // The session's record rewritten on a background worker (never on the bus thread).

@@ -97,11 +97,11 @@ void DBusService::adoptSessions() {
         facts.managerStartTime = Utils::processStartTime(record->manager.pid);
         facts.logindKnows = facts.managerStartTime == record->manager.startTime && logindKnows(*record);
         auto decision = adoptionDecision(*record, facts);
-        if (decision == Adoption::Adopt && adoptSession(*record, path)) {
-            continue;
+        if (decision == Adoption::Adopt) {
+            decision = adoptSession(*record, path);
         }
         if (decision == Adoption::Adopt) {
-            decision = Adoption::ManagerEnded; // it ended while it was taken back
+            continue;
         }
         notice("%s: session ended while the service was down, session id: %u, display: %u, user: %s, reason: %s",
                adoptSelf, record->sid, static_cast<uint32_t>(record->display), record->user.c_str(),
@@ -110,18 +110,18 @@ void DBusService::adoptSessions() {
     }
 }
 
-bool DBusService::adoptSession(const SessionRecord& record, const fs::path& path) {
+Adoption DBusService::adoptSession(const SessionRecord& record, const fs::path& path) {
     // The pidfd names the process for good; the start time read after it was taken proves it is the one recorded.
     auto managerFd = Utils::processFd(record.manager.pid);
     if (!managerFd || Utils::processStartTime(record.manager.pid) != record.manager.startTime) {
-        return false;
+        return Adoption::ManagerEnded; // it ended while it was being taken back
     }
     auto user = findUserInfo(record.user);
     if (!user) {
         const auto account = Utils::getUserInfo(record.user, false);
         if (!account) {
             warning("%s: user not found: `%s', session id: %u", adoptSelf, record.user.c_str(), record.sid);
-            return false;
+            return Adoption::AccountGone;
         }
         user = std::make_shared<UserEx>(*account);
     }
@@ -141,9 +141,10 @@ bool DBusService::adoptSession(const SessionRecord& record, const fs::path& path
     session->pid2fd = std::move(managerFd);
     session->recordFile = path;
     if (!sessions.add(session)) {
-        warning("%s: session id taken, session id: %u", adoptSelf, record.sid);
-        session->kept = true; // not ours to end: another record names the same id
-        return false;
+        // Two records of one session (a file copied by hand): the one taken back first is the session.
+        warning("%s: session id taken, record skipped, session id: %u, path: %s", adoptSelf, record.sid, path.c_str());
+        session->kept = true;
+        return Adoption::Adopt;
     }
     {
         std::lock_guard guard(children.lock);
@@ -154,7 +155,7 @@ bool DBusService::adoptSession(const SessionRecord& record, const fs::path& path
            " (%u running)",
            adoptSelf, record.sid, static_cast<uint32_t>(record.display), record.user.c_str(), record.manager.pid,
            record.systemdSid.c_str(), static_cast<uint32_t>(record.transports.size()), static_cast<uint32_t>(live));
-    return true;
+    return Adoption::Adopt;
 }
 
 void DBusService::cleanupRecordedSession(const SessionRecord& record, const fs::path& path, Adoption decision) {

@@ -4,8 +4,6 @@
 #include <cstring>
 #include <sstream>
 
-#include <json/writer.h>
-
 #include "common/json_config.h"
 
 namespace Vexa {
@@ -50,48 +48,20 @@ struct Reader {
         }
         return *value;
     }
-    std::string string(const char* name) const {
+    template <typename Value>
+    Value typed(const char* name, bool (Json::Value::*is)() const, Value (Json::Value::*as)() const) const {
         const auto& value = member(name);
-        if (!value.isString()) {
+        if (!(value.*is)()) {
             throw std::invalid_argument(name);
         }
-        return value.asString();
+        return (value.*as)();
     }
-    bool boolean(const char* name) const {
-        const auto& value = member(name);
-        if (!value.isBool()) {
-            throw std::invalid_argument(name);
-        }
-        return value.asBool();
-    }
-    uint32_t u32(const char* name) const {
-        const auto& value = member(name);
-        if (!value.isUInt()) {
-            throw std::invalid_argument(name);
-        }
-        return value.asUInt();
-    }
-    int32_t i32(const char* name) const {
-        const auto& value = member(name);
-        if (!value.isInt()) {
-            throw std::invalid_argument(name);
-        }
-        return value.asInt();
-    }
-    int64_t i64(const char* name) const {
-        const auto& value = member(name);
-        if (!value.isInt64()) {
-            throw std::invalid_argument(name);
-        }
-        return value.asInt64();
-    }
-    uint64_t u64(const char* name) const {
-        const auto& value = member(name);
-        if (!value.isUInt64()) {
-            throw std::invalid_argument(name);
-        }
-        return value.asUInt64();
-    }
+    std::string string(const char* name) const { return typed(name, &Json::Value::isString, &Json::Value::asString); }
+    bool boolean(const char* name) const { return typed(name, &Json::Value::isBool, &Json::Value::asBool); }
+    uint32_t u32(const char* name) const { return typed(name, &Json::Value::isUInt, &Json::Value::asUInt); }
+    int32_t i32(const char* name) const { return typed(name, &Json::Value::isInt, &Json::Value::asInt); }
+    int64_t i64(const char* name) const { return typed(name, &Json::Value::isInt64, &Json::Value::asInt64); }
+    uint64_t u64(const char* name) const { return typed(name, &Json::Value::isUInt64, &Json::Value::asUInt64); }
     ProcessIdentity process(const char* name) const {
         const Reader inner{member(name)};
         return ProcessIdentity{inner.i32("pid"), inner.u64("start")};
@@ -233,10 +203,7 @@ std::string sessionRecordText(const SessionRecord& record) {
     json["check:timeouts"] = record.checkTimeouts;
     json["policies:changed"] = record.policiesChanged;
 
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    writer["emitUTF8"] = true;
-    return Json::writeString(writer, json) + "\n";
+    return compactJson(json) + "\n";
 }
 
 std::optional<SessionRecord> parseSessionRecord(std::string_view text) {
@@ -390,6 +357,8 @@ const char* adoptionText(Adoption adoption) {
         return "session manager pid reused";
     case Adoption::LogindForgot:
         return "logind session gone";
+    case Adoption::AccountGone:
+        return "account gone";
     }
     return "unknown";
 }

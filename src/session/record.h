@@ -103,6 +103,7 @@ enum class Adoption {
     ManagerEnded,    // no process with that pid: the session ended while the daemon was away
     ManagerRecycled, // the pid is another process now: the session ended, never signal that process
     LogindForgot,    // the session manager still runs, but logind has no such session any more
+    AccountGone,     // the account is no longer there (found while taking the session back)
 };
 Adoption adoptionDecision(const SessionRecord& record, const AdoptionFacts& facts);
 const char* adoptionText(Adoption adoption);

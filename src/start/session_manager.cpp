@@ -10,8 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <json/writer.h>
-
 #include "common/globals.h"
 #include "common/json_config.h"
 #include "common/logger.h"
@@ -120,15 +118,6 @@ int waitChild(pid_t pid, bool forwardStop, pid_t companion = -1, bool* companion
     return status;
 }
 
-// One line of JSON, bytes as they are: the default writer would replace bytes that are not UTF-8 (a password
-// may hold them) with U+FFFD.
-std::string compactText(const Json::Value& json) {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    writer["emitUTF8"] = true;
-    return Json::writeString(writer, json);
-}
-
 std::string joinCommand(const SessionManagerPlan& plan) {
     std::string text = std::string(xsessionScript) + " " + plan.program.string();
     for (const auto& arg : plan.args) {
@@ -171,7 +160,7 @@ std::string encodePlan(const SessionManagerPlan& plan) {
     json["args"] = listValue(plan.args);
     json["keyboard"] = plan.onScreenKeyboard;
     json["debug:level"] = plan.debugLevel;
-    return compactText(json);
+    return compactJson(json);
 }
 
 SessionManagerPlan decodePlan(std::string_view text) {
@@ -211,7 +200,7 @@ std::string encodePasswordCheck(const PasswordCheck& check) {
     json["pam:service"] = check.pamService;
     json["password"] = check.password;
     json["debug:level"] = check.debugLevel;
-    return compactText(json);
+    return compactJson(json);
 }
 
 PasswordCheck decodePasswordCheck(std::string_view text) {
