@@ -93,32 +93,55 @@ struct Reader {
     }
 };
 
+// The members that the session and its record hold alike, as pairs of member pointers: one list for both
+// directions, so that neither can miss a member the other has.
+template <typename Each>
+void sameMembers(Each&& each) {
+    each(&Session::display, &SessionRecord::display);
+    each(&Session::xauthfile, &SessionRecord::xauthfile);
+    each(&Session::gusId, &SessionRecord::gusId);
+    each(&Session::uizr, &SessionRecord::uizr);
+    each(&Session::serverId, &SessionRecord::serverId);
+    each(&Session::xsessionName, &SessionRecord::xsessionName);
+    each(&Session::xsessionProg, &SessionRecord::xsessionProg);
+    each(&Session::xsessionArgs, &SessionRecord::xsessionArgs);
+    each(&Session::dbusAddress, &SessionRecord::dbusAddress);
+    each(&Session::durationLimit, &SessionRecord::durationLimit);
+    each(&Session::inactivityLimit, &SessionRecord::inactivityLimit);
+    each(&Session::disconnectLimit, &SessionRecord::disconnectLimit);
+    each(&Session::seamlessLimit, &SessionRecord::seamlessLimit);
+    each(&Session::clipboardLimit, &SessionRecord::clipboardLimit);
+    each(&Session::systemdSid, &SessionRecord::systemdSid);
+    each(&Session::systemdSlice, &SessionRecord::systemdSlice);
+    each(&Session::systemdCgroup, &SessionRecord::systemdCgroup);
+    each(&Session::sessionLimits, &SessionRecord::sessionLimits);
+    each(&Session::secNla, &SessionRecord::secNla);
+    each(&Session::secTls, &SessionRecord::secTls);
+    each(&Session::secRdp, &SessionRecord::secRdp);
+    each(&Session::secAuth, &SessionRecord::secAuth);
+    each(&Session::redirectPolicy, &SessionRecord::redirectPolicy);
+    each(&Session::disconnectedFreeze, &SessionRecord::disconnectedFreeze);
+    each(&Session::rdpKeepAliveInterval, &SessionRecord::rdpKeepAliveInterval);
+    each(&Session::rdpKeepAliveFailures, &SessionRecord::rdpKeepAliveFailures);
+    each(&Session::seamlessMode, &SessionRecord::seamlessMode);
+    each(&Session::loginMode, &SessionRecord::loginMode);
+    each(&Session::checkTimeouts, &SessionRecord::checkTimeouts);
+    each(&Session::policiesChanged, &SessionRecord::policiesChanged);
+}
+
 } // namespace
 
 SessionRecord sessionRecordOf(const Session& session) {
     SessionRecord record;
     record.sid = session.sid;
+    sameMembers([&](auto inSession, auto inRecord) { record.*inRecord = session.*inSession; });
     if (session.user) {
         record.user = session.user->name;
         record.domain = session.user->domain;
         record.runtimedir = session.user->runtimedir;
         record.userLimits = session.user->userLimits;
     }
-    record.display = session.display;
-    record.xauthfile = session.xauthfile;
     record.xauthInode = session.xauthInode;
-    record.gusId = session.gusId;
-    record.uizr = session.uizr;
-    record.serverId = session.serverId;
-    record.xsessionName = session.xsessionName;
-    record.xsessionProg = session.xsessionProg;
-    record.xsessionArgs = session.xsessionArgs;
-    record.dbusAddress = session.dbusAddress;
-    record.durationLimit = session.durationLimit;
-    record.inactivityLimit = session.inactivityLimit;
-    record.disconnectLimit = session.disconnectLimit;
-    record.seamlessLimit = session.seamlessLimit;
-    record.clipboardLimit = session.clipboardLimit;
     record.manager = ProcessIdentity{session.pid2, session.pid2Start};
     record.startedNs = nanoseconds(session.startedTimepoint);
     record.onlinedNs = nanoseconds(session.onlinedTimepoint);
@@ -128,23 +151,7 @@ SessionRecord sessionRecordOf(const Session& session) {
             record.transports.push_back({ProcessIdentity{slot.pid, slot.startTime}, slot.remoteaddr});
         }
     }
-    record.systemdSid = session.systemdSid;
-    record.systemdSlice = session.systemdSlice;
-    record.systemdCgroup = session.systemdCgroup;
-    record.sessionLimits = session.sessionLimits;
-    record.secNla = session.secNla;
-    record.secTls = session.secTls;
-    record.secRdp = session.secRdp;
-    record.secAuth = session.secAuth;
-    record.redirectPolicy = session.redirectPolicy;
     record.policyConnect = static_cast<uint32_t>(session.policyConnect);
-    record.disconnectedFreeze = session.disconnectedFreeze;
-    record.rdpKeepAliveInterval = session.rdpKeepAliveInterval;
-    record.rdpKeepAliveFailures = session.rdpKeepAliveFailures;
-    record.seamlessMode = session.seamlessMode;
-    record.loginMode = session.loginMode;
-    record.checkTimeouts = session.checkTimeouts;
-    record.policiesChanged = session.policiesChanged;
     return record;
 }
 
@@ -282,26 +289,13 @@ std::optional<SessionRecord> parseSessionRecord(std::string_view text) {
 
 std::shared_ptr<Session> restoreSession(const SessionRecord& record, std::shared_ptr<UserEx> user) {
     auto session = std::make_shared<Session>(record.sid, std::move(user), ServiceDefaults{});
+    sameMembers([&](auto inSession, auto inRecord) { (*session).*inSession = record.*inRecord; });
     if (session->user) {
         session->user->domain = record.domain;
         session->user->runtimedir = record.runtimedir;
         session->user->userLimits = record.userLimits;
     }
-    session->display = record.display;
-    session->xauthfile = record.xauthfile;
     session->xauthInode = static_cast<ino_t>(record.xauthInode);
-    session->gusId = record.gusId;
-    session->uizr = record.uizr;
-    session->serverId = record.serverId;
-    session->xsessionName = record.xsessionName;
-    session->xsessionProg = record.xsessionProg;
-    session->xsessionArgs = record.xsessionArgs;
-    session->dbusAddress = record.dbusAddress;
-    session->durationLimit = record.durationLimit;
-    session->inactivityLimit = record.inactivityLimit;
-    session->disconnectLimit = record.disconnectLimit;
-    session->seamlessLimit = record.seamlessLimit;
-    session->clipboardLimit = record.clipboardLimit;
     session->pid2 = record.manager.pid;
     session->pid2Start = record.manager.startTime;
     for (size_t slot = 0; slot < record.transports.size() && slot < transportSlots; ++slot) {
@@ -311,29 +305,13 @@ std::shared_ptr<Session> restoreSession(const SessionRecord& record, std::shared
     session->startedTimepoint = timePoint(record.startedNs);
     session->onlinedTimepoint = timePoint(record.onlinedNs);
     session->disconnectedTimepoint = timePoint(record.disconnectedNs);
-    session->systemdSid = record.systemdSid;
     if (uint32_t number = 0;
         !record.systemdSid.empty() &&
         std::from_chars(record.systemdSid.data(), record.systemdSid.data() + record.systemdSid.size(), number).ec ==
             std::errc()) {
         session->systemdSessionNumber = number;
     }
-    session->systemdSlice = record.systemdSlice;
-    session->systemdCgroup = record.systemdCgroup;
-    session->sessionLimits = record.sessionLimits;
-    session->secNla = record.secNla;
-    session->secTls = record.secTls;
-    session->secRdp = record.secRdp;
-    session->secAuth = record.secAuth;
-    session->redirectPolicy = record.redirectPolicy;
     session->policyConnect = static_cast<ConnectPolicy>(record.policyConnect);
-    session->disconnectedFreeze = record.disconnectedFreeze;
-    session->rdpKeepAliveInterval = record.rdpKeepAliveInterval;
-    session->rdpKeepAliveFailures = record.rdpKeepAliveFailures;
-    session->seamlessMode = record.seamlessMode;
-    session->loginMode = record.loginMode;
-    session->checkTimeouts = record.checkTimeouts;
-    session->policiesChanged = record.policiesChanged;
     return session;
 }
 

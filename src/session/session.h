@@ -150,11 +150,12 @@ public:
     std::mutex geometryLock;
     std::unique_ptr<Xcb::Connector> xcbConnector;
 
-    // The session's record file (record.h) once one was written; set by RecordStore under its lock, removed by
-    // the destructor.
+    // The session's record file (record.h) once one was written. Guarded by the records lock (RecordStore), not
+    // the sessions lock: written there, and read by the destructor once nothing else holds the session.
     std::filesystem::path recordFile;
     // The daemon stops without ending the session (a restart): the destructor then leaves its processes, its
-    // files and its record alone, for the next daemon to take back.
+    // files and its record alone, for the next daemon to take back. Set by the stop sequence when no other thread
+    // of the service runs, or on a session that never entered the registry; read under the sessions lock.
     bool kept = false;
 
     // Not saved.
