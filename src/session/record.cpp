@@ -38,7 +38,7 @@ Json::Value processValue(const ProcessIdentity& process) {
 }
 
 // Reading: every member must be there with its type, or the record is refused.
-struct Reader {
+struct RecordReader {
     const Json::Value& json;
 
     const Json::Value& member(const char* name) const {
@@ -63,7 +63,7 @@ struct Reader {
     int64_t i64(const char* name) const { return typed(name, &Json::Value::isInt64, &Json::Value::asInt64); }
     uint64_t u64(const char* name) const { return typed(name, &Json::Value::isUInt64, &Json::Value::asUInt64); }
     ProcessIdentity process(const char* name) const {
-        const Reader inner{member(name)};
+        const RecordReader inner{member(name)};
         return ProcessIdentity{inner.i32("pid"), inner.u64("start")};
     }
     ResourceLimits limits(const char* name) const {
@@ -216,7 +216,7 @@ std::string sessionRecordText(const SessionRecord& record) {
 std::optional<SessionRecord> parseSessionRecord(std::string_view text) {
     try {
         const auto json = parseJsonStrict(text);
-        const Reader in{json};
+        const RecordReader in{json};
         SessionRecord record;
         record.sid = in.u32("sid");
         record.user = in.string("username");
@@ -255,7 +255,7 @@ std::optional<SessionRecord> parseSessionRecord(std::string_view text) {
             return std::nullopt;
         }
         for (const auto& slot : transports) {
-            const Reader inner{slot};
+            const RecordReader inner{slot};
             record.transports.push_back(
                 {ProcessIdentity{inner.i32("pid"), inner.u64("start")}, inner.string("remoteaddr")});
         }
