@@ -1,10 +1,9 @@
-#include <iterator>
-#include <charconv>
 #include "events.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -13,6 +12,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <vector>
+
+#include "utils.h"
 
 namespace Vexa::Utils {
 
@@ -196,8 +197,7 @@ std::optional<uint64_t> processStartTime(pid_t pid) {
     if (pid <= 0) {
         return std::nullopt;
     }
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    const std::string text((std::istreambuf_iterator<char>(in)), {});
+    const std::string text = readFileText("/proc/" + std::to_string(pid) + "/stat");
     // The command name may hold blanks and parentheses: the fields count from the last ')'.
     const auto close = text.rfind(')');
     if (close == std::string::npos) {

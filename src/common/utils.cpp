@@ -35,6 +35,27 @@ bool writeAll(int fd, const std::string& text) {
 
 } // namespace
 
+std::string readFileText(const std::filesystem::path& path) {
+    std::string text;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return text;
+    }
+    char buffer[4096];
+    for (;;) {
+        const ssize_t got = ::read(fd, buffer, sizeof(buffer));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            break;
+        }
+        text.append(buffer, static_cast<size_t>(got));
+    }
+    ::close(fd);
+    return text;
+}
+
 bool writeFileAtomically(const std::filesystem::path& path, const std::string& text, mode_t mode, const char* func) {
     std::string temporary = (path.parent_path() / ("." + path.filename().string() + ".XXXXXX")).string();
     const char* failed = nullptr;

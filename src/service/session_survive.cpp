@@ -5,8 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
-#include <iterator>
+#include <sstream>
 #include <sys/stat.h>
 #include <thread>
 
@@ -29,11 +28,6 @@ constexpr const char* adoptSelf = "adoptSessions";
 
 // How long the processes left in the scope of a session that ended meanwhile have to leave after SIGTERM.
 constexpr auto scopeGrace = 2s;
-
-std::string readText(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 // logind still has the session, not closing, and the process is in it.
 bool logindKnows(const SessionRecord& record) {
@@ -61,7 +55,7 @@ std::vector<pid_t> cgroupProcesses(const std::string& cgroup) {
     if (cgroup.empty() || cgroup.find("..") != std::string::npos) {
         return pids;
     }
-    std::ifstream in(fs::path("/sys/fs/cgroup/" + cgroup) / "cgroup.procs");
+    std::istringstream in(Utils::readFileText(fs::path("/sys/fs/cgroup/" + cgroup) / "cgroup.procs"));
     pid_t pid = 0;
     while (in >> pid) {
         pids.push_back(pid);
@@ -86,7 +80,7 @@ size_t signalCgroup(const std::string& cgroup, int sig) {
 void DBusService::adoptSessions() {
     const auto files = records.files();
     for (const auto& path : files) {
-        const auto record = parseSessionRecord(readText(path));
+        const auto record = parseSessionRecord(Utils::readFileText(path));
         if (!record) {
             warning("%s: record not readable, removed, path: %s", adoptSelf, path.c_str());
             std::error_code ec;

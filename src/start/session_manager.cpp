@@ -331,6 +331,9 @@ int runSessionManagerProcess(SessionManagerPlan plan) {
     }
 
     pam->closeSession();
+    if (xorgEnded) {
+        removeDeadServerFiles(plan.xorgSocket, plan.display, xorg);
+    }
     if (xorg > 0 && !xorgEnded) {
         kill(xorg, SIGTERM);
         waitChild(xorg, false);

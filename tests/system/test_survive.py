@@ -159,5 +159,9 @@ def test_a_killed_x_server_ends_its_session(sessions, new_user):
     message = f"runSessionManager: x server ended, pid: {server}, the session ends"
     wait_for(lambda: journal(after, None, message, ("vexa_session_manager",)), what=message)
     wait_for(lambda: ended(uid, info["display"]), what="the session's processes ended")
+    # what the killed server could not remove itself is gone too: the display is free for the next server
+    display = info["display"]
+    assert not pathlib.Path(f"/tmp/.X11-unix/X{display}").exists()
+    assert not pathlib.Path(f"/tmp/.X{display}-lock").exists()
     assert (user, sid) not in sessions.listed()
     assert not record(sid).exists()
