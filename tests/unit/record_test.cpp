@@ -1,6 +1,8 @@
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <thread>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -233,4 +235,37 @@ TEST(RecordStore, RecordsSessionsLogindKnowsRemovesThemWhenTheyEndAndKeepsThemAt
     EXPECT_FALSE(fs::exists(endingFile)) << "an ended session leaves no record";
     EXPECT_TRUE(fs::exists(keptFile)) << "a session kept for the next daemon keeps its record";
     EXPECT_EQ(store.files(), std::vector<fs::path>{keptFile});
+}
+
+TEST(RecordStore, SavesRacingWithChangesNeverLeaveAnOlderRecordOnDisk) {
+    const TestSupport::TempDir dir;
+    SessionRegistry registry;
+    RecordStore store(registry);
+    store.setDirectory(dir.path);
+    const auto session = liveSession(9);
+    ASSERT_TRUE(registry.add(session));
+
+    constexpr uint32_t changes = 300;
+    std::atomic<bool> done{false};
+    std::vector<std::thread> sweepers;
+    for (int i = 0; i < 3; ++i) {
+        sweepers.emplace_back([&] {
+            while (!done.load()) {
+                store.saveAll();
+            }
+        });
+    }
+    for (uint32_t value = 1; value <= changes; ++value) {
+        registry.locked([&](SessionRegistry::Map&) { session->durationLimit = value; });
+        store.save(session);
+    }
+    done.store(true);
+    for (auto& sweeper : sweepers) {
+        sweeper.join();
+    }
+    // Whichever write came last, it was made from the last change.
+    const auto onDisk = parseSessionRecord(fileText(sessionRecordPath(dir.path, 9)));
+    ASSERT_TRUE(onDisk);
+    EXPECT_EQ(onDisk->durationLimit, changes);
+    registry.takeAll();
 }
