@@ -32,6 +32,7 @@ std::shared_ptr<Session> liveSession(uint32_t sid = 7) {
     s->display = made->display;
     s->xauthfile = "/nonexistent/run/vexa/xauth_12";
     s->user->runtimedir = "/nonexistent/run/user/1000";
+    s->user->profileMounted = false; // no profile disk to unmount when the last session goes
     s->xauthInode = 4242;
     s->uizr = "uizr";
     s->serverId = "server";
