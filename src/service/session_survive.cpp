@@ -131,6 +131,11 @@ Adoption DBusService::adoptSession(const SessionRecord& record, const fs::path& 
         slot.adopt(slot.pid, slot.startTime, std::move(fd), slot.remoteaddr);
         ++live;
     }
+    // The seamless limit counts on the steady clock, which does not outlive the daemon: a seamless session taken
+    // back without a transport counts it again from now.
+    if (session->seamlessMode && live == 0) {
+        session->seamlessStopTime = std::chrono::steady_clock::now();
+    }
     auto watchFd = Utils::UniqueFd(fcntl(managerFd.get(), F_DUPFD_CLOEXEC, 0));
     session->pid2fd = std::move(managerFd);
     session->recordFile = path;
