@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -11,6 +12,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <vector>
+
+#include "utils.h"
 
 namespace Vexa::Utils {
 
@@ -188,6 +191,33 @@ PathWaitResult waitForPath(const fs::path& path, const std::function<bool()>& re
             return {PathWait::Woken, *woken - 1};
         }
     }
+}
+
+std::optional<uint64_t> processStartTime(pid_t pid) {
+    if (pid <= 0) {
+        return std::nullopt;
+    }
+    const std::string text = readFileText("/proc/" + std::to_string(pid) + "/stat");
+    // The command name may hold blanks and parentheses: the fields count from the last ')'.
+    const auto close = text.rfind(')');
+    if (close == std::string::npos) {
+        return std::nullopt;
+    }
+    // After the name: state (field 3) ... starttime (field 22), i.e. the 20th word after ')'.
+    size_t pos = close + 1;
+    for (int field = 3; field < 22; ++field) {
+        pos = text.find(' ', pos + 1);
+        if (pos == std::string::npos) {
+            return std::nullopt;
+        }
+    }
+    uint64_t start = 0;
+    const char* first = text.data() + pos + 1;
+    const auto [end, ec] = std::from_chars(first, text.data() + text.size(), start);
+    if (ec != std::errc() || end == first) {
+        return std::nullopt;
+    }
+    return start;
 }
 
 } // namespace Vexa::Utils

@@ -5,6 +5,7 @@
 // to the thread that made it.
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -54,6 +55,10 @@ bool processAlive(int pidfd) noexcept;
 
 // Sends `sig` through a pidfd; false when the descriptor is empty or the process has ended.
 bool signalProcess(int pidfd, int sig) noexcept;
+
+// The start time of a process (clock ticks since boot, field 22 of /proc/PID/stat): with the pid, it names one
+// process for good, also for a later run of the daemon. nullopt when there is no such process.
+std::optional<uint64_t> processStartTime(pid_t pid);
 
 // The parent of a process, from /proc; nullopt when the process is not there.
 std::optional<pid_t> parentPid(pid_t pid);

@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include <json/reader.h>
+#include <json/writer.h>
 
 #include "logger.h"
 
@@ -59,6 +60,13 @@ Json::Value readJson(const std::filesystem::path& path) {
         Syslog::error("%s: parse failed, path: %s, json error: `%s'", "readJson", path.c_str(), errors.c_str());
     }
     return root;
+}
+
+std::string compactJson(const Json::Value& json) {
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    writer["emitUTF8"] = true;
+    return Json::writeString(writer, json);
 }
 
 Json::Value parseJsonStrict(std::string_view text, std::string* errors) {

@@ -21,6 +21,10 @@ Json::Value readJson(const std::filesystem::path& path);
 // Parses JSON text in strict mode; null on failure, with the parser's messages in `errors`.
 Json::Value parseJsonStrict(std::string_view text, std::string* errors = nullptr);
 
+// One line of JSON, bytes as they are: the default writer would replace bytes that are not UTF-8 (a password or a
+// user's file name may hold them) with U+FFFD.
+std::string compactJson(const Json::Value& json);
+
 class JsonConfig {
 public:
     JsonConfig() = default;

@@ -523,15 +523,17 @@ public:
     }
 
     // False when no pidfd could be had for the child (then the caller waits for it another way).
-    bool watch(pid_t pid, std::promise<int>& promise) {
-        UniqueFd fd = processFd(pid);
+    bool watch(pid_t pid, std::promise<int>& promise) { return watch(pid, processFd(pid), true, promise); }
+
+    // A process that is not our child (it cannot be reaped here): its end is all there is to know.
+    bool watch(pid_t pid, UniqueFd fd, bool child, std::promise<int>& promise) {
         if (!fd || epollFd < 0) {
             return false;
         }
         const int key = fd.get();
         {
             std::lock_guard guard(lock);
-            waiting.emplace(key, Waiting{pid, std::move(fd), std::move(promise)});
+            waiting.emplace(key, Waiting{pid, child, std::move(fd), std::move(promise)});
         }
         epoll_event event{};
         event.events = EPOLLIN;
@@ -549,6 +551,7 @@ public:
 private:
     struct Waiting {
         pid_t pid;
+        bool child; // ours to reap
         UniqueFd fd;
         std::promise<int> promise;
     };
@@ -577,8 +580,9 @@ private:
         }
         const pid_t pid = found->second.pid;
         int status = -1;
-        pid_t ended = 0;
-        while ((ended = waitpid(pid, &status, WNOHANG)) < 0 && errno == EINTR) {
+        pid_t ended = -1;
+        errno = ECHILD;
+        while (found->second.child && (ended = waitpid(pid, &status, WNOHANG)) < 0 && errno == EINTR) {
         }
         if (ended == 0) {
             return; // the pidfd spoke before the child could be reaped; it speaks again
@@ -612,6 +616,15 @@ std::future<int> waitChildBack(pid_t pid) {
     if (!ChildReaper::instance().watch(pid, promise)) {
         // No pidfd (the child is gone already, or descriptors ran out): a task of its own waits for it.
         return std::async(std::launch::async, [pid] { return waitStatus(pid); });
+    }
+    return result;
+}
+
+std::future<int> waitProcessEnd(pid_t pid, UniqueFd pidfd) {
+    std::promise<int> promise;
+    auto result = promise.get_future();
+    if (!ChildReaper::instance().watch(pid, std::move(pidfd), false, promise)) {
+        promise.set_value(-1); // no pidfd: the process has gone already
     }
     return result;
 }

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "accounts.h"
+#include "events.h"
 
 namespace Vexa::Utils {
 
@@ -41,6 +42,10 @@ int waitStatus(pid_t pid);
 
 // The task that reaps a started child and yields its raw wait status.
 std::future<int> waitChildBack(pid_t pid);
+
+// A future that is ready (with -1: the status is its parent's to know) once the process behind `pidfd` has
+// ended; for a process that is not our child, e.g. a session manager started by an earlier run of the daemon.
+std::future<int> waitProcessEnd(pid_t pid, UniqueFd pidfd);
 
 // Runs in a freshly forked child: drops to `user`, redirects output, execs. Never returns. Builds its vectors
 // and logs its steps itself, so it is for a child that may allocate (one that forked on its own, not right

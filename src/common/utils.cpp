@@ -2,11 +2,95 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "logger.h"
 
 namespace Vexa::Utils {
+
+namespace {
+
+bool writeAll(int fd, const std::string& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t wrote = ::write(fd, text.data() + done, text.size() - done);
+        if (wrote < 0 && errno == EINTR) {
+            continue;
+        }
+        if (wrote <= 0) {
+            if (wrote == 0) {
+                errno = EIO;
+            }
+            return false;
+        }
+        done += static_cast<size_t>(wrote);
+    }
+    return true;
+}
+
+} // namespace
+
+std::string readFileText(const std::filesystem::path& path) {
+    std::string text;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return text;
+    }
+    char buffer[4096];
+    for (;;) {
+        const ssize_t got = ::read(fd, buffer, sizeof(buffer));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            break;
+        }
+        text.append(buffer, static_cast<size_t>(got));
+    }
+    ::close(fd);
+    return text;
+}
+
+bool writeFileAtomically(const std::filesystem::path& path, const std::string& text, mode_t mode, const char* func) {
+    std::string temporary = (path.parent_path() / ("." + path.filename().string() + ".XXXXXX")).string();
+    const char* failed = nullptr;
+    int err = 0;
+    const auto fail = [&failed, &err](const char* call) {
+        failed = call;
+        err = errno;
+    };
+    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
+    if (fd < 0) {
+        fail("mkostemp");
+    } else {
+        if (::fchmod(fd, mode) != 0) {
+            fail("fchmod");
+        } else if (!writeAll(fd, text)) {
+            fail("write");
+        } else if (::fsync(fd) != 0) {
+            fail("fsync");
+        }
+        if (::close(fd) != 0 && failed == nullptr) {
+            fail("close");
+        }
+        if (failed == nullptr && ::rename(temporary.c_str(), path.c_str()) != 0) {
+            fail("rename");
+        }
+    }
+    if (failed != nullptr) {
+        Syslog::warning("%s: %s failed, error: %s, code: %d", func, failed, errnoText(err).c_str(), err);
+        if (fd >= 0) {
+            ::unlink(temporary.c_str());
+        }
+        return false;
+    }
+    return true;
+}
 
 std::string stringLower(std::string_view text) {
     std::string result(text);

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <string>
+#include <sys/types.h>
 #include <string_view>
 #include <vector>
 
@@ -27,6 +29,15 @@ std::string hexRange(const uint8_t* first, const uint8_t* last, std::string_view
 // subsequence of the input (a stray continuation byte, a truncated sequence, an overlong form, an encoded
 // surrogate or a value beyond U+10FFFF) becomes one U+FFFD, as Unicode recommends, so every input converts.
 std::u16string string2unicode(std::string_view text);
+
+// The whole content of a file (also of /proc and /sys, whose sizes say nothing), read through a close-on-exec
+// descriptor; empty when it cannot be read.
+std::string readFileText(const std::filesystem::path& path);
+
+// Replaces the file at `path` atomically: a hidden temporary file beside it (same file system), given `mode`,
+// written and synced, then renamed over it, so that a reader never sees half a file. False (logged as a
+// warning of `func`) when nothing was written.
+bool writeFileAtomically(const std::filesystem::path& path, const std::string& text, mode_t mode, const char* func);
 
 // Thread-safe text of an errno value (what strerror would say).
 std::string errnoText(int err);

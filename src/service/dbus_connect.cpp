@@ -102,6 +102,7 @@ void DBusService::completeTransportRegistration(const SessionPtr& session, uint3
     sessions.locked([&](SessionRegistry::Map&) {
         registerTransport(*session, pid, std::move(pidfd), ipaddr, std::chrono::system_clock::now());
     });
+    saveRecordLater(session);
     emitSignal("signalSessionConnected", [&] { emitSignalSessionConnected(sid, static_cast<uint32_t>(pid), ipaddr); });
 }
 

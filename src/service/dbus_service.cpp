@@ -1,5 +1,6 @@
 #include "dbus_service.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -90,6 +91,13 @@ DBusService::DBusService(sdbus::IConnection& connection, const std::string& path
         error("%s: json not object, file: %s", "DBusService", limitsFilePath);
     }
 
+    // The sessions of an earlier run are back before the first call is answered.
+    const auto recordsDir = runtimeDir / "sessions";
+    makeDirectory(recordsDir, false, "runtime directory failed");
+    fs::permissions(recordsDir, fs::perms(0700), fs::perm_options::replace, ec);
+    records.setDirectory(recordsDir);
+    adoptSessions();
+
     registerAdaptor();
 }
 
@@ -136,7 +144,12 @@ void DBusService::start(const std::string& configPath) {
 
     watcher.join();
     service->waitWorkers();
-    service->sessionsClear();
+    // A lost bus, and a stop that the service manager follows with a start, leave the sessions to the next run.
+    if (lostReason || service->restartPending()) {
+        service->sessionsKeep();
+    } else {
+        service->sessionsClear();
+    }
     notice("%s: shutdown complete", "start");
     service.reset();
     connection.reset();
@@ -256,6 +269,9 @@ void DBusService::watcherLoop() {
         jobs.add(watcherSchedule[i].name, watcherSchedule[i].period, work[i],
                  i >= 2 ? std::function<bool()>(noSessions) : std::function<bool()>());
     }
+    // Changes that no code path saves on its own (policies, limits, time points) reach the records here.
+    jobs.add(
+        "sessionRecordsWatcher", 1000ms, [this] { records.saveAll(); }, noSessions);
 
     // Sleeps until the next job is due, or until the service is asked to stop.
     const int stopFd = serviceStopFd();
@@ -276,16 +292,21 @@ void DBusService::watcherLoop() {
 void DBusService::sessionsClear() {
     // Records are destroyed here, outside the sessions lock.
     sessions.takeAll().clear();
+    endChildren("sessionsClear", {});
+}
 
+void DBusService::endChildren(const char* func, const std::vector<pid_t>& kept) {
     // Stop sequence: the child-table lock stays held while the children are ended and waited for, so that
     // nothing can add or consume an entry meanwhile; no other thread of the service is running any more.
     std::lock_guard guard(children.lock);
+    children.entries.remove_if(
+        [&kept](const ChildEntry& child) { return std::find(kept.begin(), kept.end(), child.pid) != kept.end(); });
     if (children.entries.empty()) {
         return;
     }
-    warning("%s: running childs: %u, killed all", "sessionsClear", static_cast<unsigned>(children.entries.size()));
+    warning("%s: running childs: %u, killed all", func, static_cast<unsigned>(children.entries.size()));
     for (const auto& child : children.entries) {
-        if (child.pid > 0) {
+        if (child.pid > 0 && child.ownChild) {
             kill(child.pid, SIGTERM);
         }
     }

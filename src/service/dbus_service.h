@@ -39,6 +39,7 @@
 #include "polkit.h"
 #include "programs/program_list.h"
 #include "session/child_table.h"
+#include "session/record_store.h"
 #include "session/redirect_policy.h"
 #include "session/registry.h"
 #include "session/service_defaults.h"
@@ -102,6 +103,17 @@ public:
 
     // Called once when the dispatcher has stopped: drops every session and ends the children still running.
     void sessionsClear();
+    // Called instead of sessionsClear when the stop is a restart (restartPending) or the bus was lost: every
+    // session is left running with its record written, for the next daemon to take back; the other children end.
+    void sessionsKeep();
+    // The service manager's job on the service's unit restarts it (systemctl restart, a package upgrade). False
+    // when the service does not run as a unit or the job cannot be asked for: the stop then ends the sessions.
+    bool restartPending() const;
+    // Takes back the sessions of the records an earlier run left (session_survive.cpp): those whose session
+    // manager is the same process and whose logind session is still there re-enter the registry, their
+    // transports and session manager watched through pidfds; what is left of the others is ended and removed.
+    // Called once by the constructor, before the first call is dispatched.
+    void adoptSessions();
 
     // Admits the user and starts (or hands out again) a session; blocks the calling thread (a start worker)
     // until systemd-logind knows the new session and its bus is up (or those waits gave up, or the service
@@ -156,6 +168,14 @@ private:
     // stops meanwhile.
     std::optional<std::string> waitSessionBus(const SessionPtr& session, int managerEnded);
     void applyFileLimits(const SessionPtr& session);
+    // One record of adoptSessions: Adopt when the session is back in the registry, else why not.
+    Adoption adoptSession(const SessionRecord& record, const std::filesystem::path& path);
+    // A recorded session that cannot be taken back: its scope's processes are ended, its files removed.
+    void cleanupRecordedSession(const SessionRecord& record, const std::filesystem::path& path, Adoption decision);
+    // The session's record rewritten on a background worker (never on the bus thread).
+    void saveRecordLater(const SessionPtr& session);
+    // Stop sequence: SIGTERM to the children still in the table except `kept`, then waits for them.
+    void endChildren(const char* func, const std::vector<pid_t>& kept);
     void announceSessionEnd(SessionPtr session);
 
     // Session requests (dbus_requests.cpp), run by a start worker: 0 and the session, or the request's negative
@@ -693,6 +713,7 @@ private:
     std::atomic<int64_t> programsModified{0}; // last seen modification time (s) of the programs file
 
     SessionRegistry sessions;
+    RecordStore records{sessions}; // the sessions' record files, "<runtime:dir>/sessions"; thread-safe
     SessionStarter starter{sessions, *this};
     ChildTable children;
     // The start workers: session starts and password checks. Sized by "start:workers" (read at start and at

@@ -38,7 +38,12 @@ void DBusService::stoppedChildsWatcher() {
             }
             const int status = child.status.get();
             child.status = {};
-            Utils::syslogWaitStatus(status, "stoppedChildsWatcher", child.pid);
+            if (child.ownChild) {
+                Utils::syslogWaitStatus(status, "stoppedChildsWatcher", child.pid);
+            } else {
+                // Taken back from an earlier run: its parent, not this service, learnt how it ended.
+                debug("%s: child ended, pid: %d, not our child", "stoppedChildsWatcher", child.pid);
+            }
 
             for (auto it = map.begin(); it != map.end();) {
                 auto& session = it->second;

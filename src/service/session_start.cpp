@@ -134,8 +134,11 @@ StartSessionResult DBusService::launch(const SessionPtr& session, const StartSes
         return {nullptr, StartStatus::StartFailed};
     }
     auto manager = runSessionManager(session.get(), plan);
-    sessions.locked([&session, &manager](SessionRegistry::Map&) {
+    // Our child, not reaped before the reaper is told: the pid still names it.
+    const auto managerStart = Utils::processStartTime(manager.pid).value_or(0);
+    sessions.locked([&session, &manager, managerStart](SessionRegistry::Map&) {
         session->pid2 = manager.pid;
+        session->pid2Start = managerStart;
         session->pid2fd = std::move(manager.pidfd);
     });
     {
@@ -297,6 +300,8 @@ StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, Se
         session->systemdSlice = slice;
         session->systemdCgroup = cgroup;
     });
+    // From here on the session outlives the daemon: logind knows it, and so does its record.
+    records.save(session);
     notice("%s: session id: %u, display: %u", self, static_cast<uint32_t>(number), display);
     if (!slice.empty()) {
         info("%s: session id: %u, display: %u, systemd user slice: %s", self, session->sid, display, slice.c_str());

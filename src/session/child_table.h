@@ -14,6 +14,9 @@ namespace Vexa {
 struct ChildEntry {
     pid_t pid = 0;
     std::shared_future<int> status; // raw wait status of the child
+    // Started by this run of the service. A session manager taken back from an earlier run is not: it is known
+    // by its pidfd only (its session's), never signalled by pid, and its status is -1.
+    bool ownChild = true;
 };
 
 struct ChildTable {

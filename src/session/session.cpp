@@ -25,6 +25,12 @@ Session::Session(uint32_t id, std::shared_ptr<UserEx> owner, const ServiceDefaul
       rdpKeepAliveFailures(defaults.keepAliveFailures) {}
 
 Session::~Session() {
+    if (kept) {
+        for (auto& slot : transports) {
+            slot.reset(true);
+        }
+        return;
+    }
     for (auto& slot : transports) {
         slot.reset(false);
     }
@@ -42,6 +48,9 @@ Session::~Session() {
     }
     if (const auto busFile = dbusSessionPath(); !busFile.empty()) {
         std::filesystem::remove(busFile, ec);
+    }
+    if (!recordFile.empty()) {
+        std::filesystem::remove(recordFile, ec);
     }
     if (user && user.use_count() == 1 && user->profileMounted && umount(user->profileMountPoint.c_str()) != 0) {
         startProfileCloseJob(user->profileMountPoint, static_cast<uid_t>(user->uid));

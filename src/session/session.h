@@ -36,7 +36,8 @@ public:
     Session(uint32_t id, std::shared_ptr<UserEx> user, const ServiceDefaults& defaults);
     // Tear-down, on whichever thread drops the last reference: the transports, the session manager and the
     // remote-assistance program receive SIGTERM, the X authority file and the bus address file are removed, and the
-    // user's profile is unmounted when this was the user's last session (a busy profile is left to a background job).
+    // user's profile is unmounted when this was the user's last session (a busy profile is left to a background job),
+    // and its record file is removed. A session `kept` by a restarting daemon is left as it is.
     virtual ~Session();
 
     Session(const Session&) = delete;
@@ -112,6 +113,7 @@ public:
     uint32_t clipboardLimit = 0;
 
     int32_t pid2 = 0;             // session manager; > 0 while it runs
+    uint64_t pid2Start = 0;       // its start time (record.h), taken while it could not have been reaped
     Utils::UniqueFd pid2fd;       // pidfd of pid2, taken before it could be reaped
     int32_t assistance = 0;       // remote-assistance process, 0 if none
     Utils::UniqueFd assistanceFd; // pidfd of `assistance`
@@ -147,6 +149,14 @@ public:
     // once the session runs).
     std::mutex geometryLock;
     std::unique_ptr<Xcb::Connector> xcbConnector;
+
+    // The session's record file (record.h) once one was written. Guarded by the records lock (RecordStore), not
+    // the sessions lock: written there, and read by the destructor once nothing else holds the session.
+    std::filesystem::path recordFile;
+    // The daemon stops without ending the session (a restart): the destructor then leaves its processes, its
+    // files and its record alone, for the next daemon to take back. Set by the stop sequence when no other thread
+    // of the service runs, or on a session that never entered the registry; read under the sessions lock.
+    bool kept = false;
 
     // Not saved.
     SteadyTime seamlessStopTime{}; // epoch: none

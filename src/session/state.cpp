@@ -45,28 +45,6 @@ constexpr StateField stateFields[] = {
      [](Session& s, uint32_t v) { s.rdpKeepAliveFailures = v; }},
 };
 
-void logFailed(const char* call, int err) {
-    Syslog::warning("%s: %s failed, error: %s, code: %d", "sessionSaveState", call, Utils::errnoText(err).c_str(), err);
-}
-
-bool writeAll(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t wrote = ::write(fd, text.data() + done, text.size() - done);
-        if (wrote < 0 && errno == EINTR) {
-            continue;
-        }
-        if (wrote <= 0) {
-            if (wrote == 0) {
-                errno = EIO;
-            }
-            return false;
-        }
-        done += static_cast<size_t>(wrote);
-    }
-    return true;
-}
-
 } // namespace
 
 fs::path sessionStatePath(const fs::path& storeDir, int32_t uid) {
@@ -95,38 +73,7 @@ bool sessionSaveState(const Session* session, const fs::path& storeDir) {
     const auto path = sessionStatePath(storeDir, session->user->uid);
     const auto text = sessionStateText(*session);
 
-    // A hidden name beside the target: the same file system, so the rename replaces the file in one step.
-    std::string temporary = (storeDir / ("." + path.filename().string() + ".XXXXXX")).string();
-    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0) {
-        logFailed("mkostemp", errno);
-        return false;
-    }
-    const char* failed = nullptr;
-    int err = 0;
-    const auto fail = [&failed, &err](const char* call) {
-        failed = call;
-        err = errno;
-    };
-    if (::fchmod(fd, 0640) != 0) {
-        fail("fchmod");
-    } else if (!writeAll(fd, text)) {
-        fail("write");
-    } else if (::fsync(fd) != 0) {
-        fail("fsync");
-    }
-    if (::close(fd) != 0 && failed == nullptr) {
-        fail("close");
-    }
-    if (failed == nullptr && ::rename(temporary.c_str(), path.c_str()) != 0) {
-        fail("rename");
-    }
-    if (failed != nullptr) {
-        logFailed(failed, err);
-        ::unlink(temporary.c_str());
-        return false;
-    }
-    return true;
+    return Utils::writeFileAtomically(path, text, 0640, "sessionSaveState");
 }
 
 void sessionLoadState(Session* session, const fs::path& storeDir) {

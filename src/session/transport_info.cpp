@@ -14,6 +14,16 @@ void TransportInfo::attach(pid_t transportPid, Utils::UniqueFd transportFd, cons
     pid = transportPid;
     pidfd = std::move(transportFd);
     remoteaddr = address;
+    // A procfs read, which does not block: the pidfd taken before keeps the process from being another one.
+    startTime = Utils::processStartTime(transportPid).value_or(0);
+}
+
+void TransportInfo::adopt(pid_t transportPid, uint64_t transportStart, Utils::UniqueFd transportFd,
+                          const std::string& address) {
+    pid = transportPid;
+    startTime = transportStart;
+    pidfd = std::move(transportFd);
+    remoteaddr = address;
 }
 
 bool TransportInfo::isConnected() const noexcept {
@@ -30,6 +40,7 @@ void TransportInfo::reset(bool keepProcess) {
         Utils::signalProcess(pidfd.get(), SIGTERM);
     }
     pid = 0;
+    startTime = 0;
     remoteaddr.clear();
     pidfd.reset();
 }

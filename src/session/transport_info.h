@@ -5,6 +5,7 @@
 // The process is known by a pidfd taken when it registered: liveness and signals go through it, so a pid
 // that the kernel hands to another process after the transport ended is never signalled.
 
+#include <cstdint>
 #include <string>
 #include <sys/types.h>
 
@@ -22,6 +23,9 @@ public:
 
     // Takes the slot for a registered transport.
     void attach(pid_t transportPid, Utils::UniqueFd transportFd, const std::string& address);
+    // Takes the slot for a transport of a session taken back by a restarted daemon: `transportFd` empty when the
+    // recorded process has gone (the slot is then reported ended by the transport watcher).
+    void adopt(pid_t transportPid, uint64_t transportStart, Utils::UniqueFd transportFd, const std::string& address);
 
     // The transport's process still runs (a slot without a pidfd never does).
     bool isConnected() const noexcept;
@@ -31,6 +35,8 @@ public:
     void reset(bool keepProcess);
 
     pid_t pid = 0; // 0: the slot is free
+    // The start time of `pid` (session/record.h), taken at registration while the pidfd held the process.
+    uint64_t startTime = 0;
     std::string remoteaddr;
 
 private:

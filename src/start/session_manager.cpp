@@ -10,8 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <json/writer.h>
-
 #include "common/globals.h"
 #include "common/json_config.h"
 #include "common/logger.h"
@@ -70,10 +68,11 @@ void logFailure(const char* call, int err) {
     Syslog::warning("%s: %s failed, error: %s, code: %d", self, call, Utils::errnoText(err).c_str(), err);
 }
 
-// Waits for the child; a stop request while waiting is passed on to it once as SIGTERM. The stop signals and
-// SIGCHLD stay blocked except inside sigsuspend, so a request that comes between the check and the wait
-// still wakes the wait.
-int waitChild(pid_t pid, bool forwardStop) {
+// Waits for the child; a stop request while waiting is passed on to it once as SIGTERM, and so is the end of
+// `companion` (the X server the child's programs draw on), which is reaped here and reported in
+// `companionEnded`. The stop signals and SIGCHLD stay blocked except inside sigsuspend, so a request that comes
+// between the check and the wait still wakes the wait.
+int waitChild(pid_t pid, bool forwardStop, pid_t companion = -1, bool* companionEnded = nullptr) {
     sigset_t wake;
     sigset_t previous;
     sigemptyset(&wake);
@@ -88,6 +87,18 @@ int waitChild(pid_t pid, bool forwardStop) {
     int status = -1;
     bool forwarded = false;
     while (true) {
+        if (companion > 0 && !*companionEnded) {
+            int companionStatus = 0;
+            if (waitpid(companion, &companionStatus, WNOHANG) == companion) {
+                *companionEnded = true;
+                Syslog::warning("%s: x server ended, pid: %d, the session ends", self, companion);
+                Utils::syslogWaitStatus(companionStatus, self, companion);
+                if (!forwarded) {
+                    kill(pid, SIGTERM);
+                    forwarded = true;
+                }
+            }
+        }
         if (forwardStop && stopRequested && !forwarded) {
             kill(pid, SIGTERM);
             forwarded = true;
@@ -105,15 +116,6 @@ int waitChild(pid_t pid, bool forwardStop) {
     }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     return status;
-}
-
-// One line of JSON, bytes as they are: the default writer would replace bytes that are not UTF-8 (a password
-// may hold them) with U+FFFD.
-std::string compactText(const Json::Value& json) {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    writer["emitUTF8"] = true;
-    return Json::writeString(writer, json);
 }
 
 std::string joinCommand(const SessionManagerPlan& plan) {
@@ -158,7 +160,7 @@ std::string encodePlan(const SessionManagerPlan& plan) {
     json["args"] = listValue(plan.args);
     json["keyboard"] = plan.onScreenKeyboard;
     json["debug:level"] = plan.debugLevel;
-    return compactText(json);
+    return compactJson(json);
 }
 
 SessionManagerPlan decodePlan(std::string_view text) {
@@ -198,7 +200,7 @@ std::string encodePasswordCheck(const PasswordCheck& check) {
     json["pam:service"] = check.pamService;
     json["password"] = check.password;
     json["debug:level"] = check.debugLevel;
-    return compactText(json);
+    return compactJson(json);
 }
 
 PasswordCheck decodePasswordCheck(std::string_view text) {
@@ -298,6 +300,7 @@ int runSessionManagerProcess(SessionManagerPlan plan) {
 
     int result = EXIT_FAILURE;
     pid_t xorg = -1;
+    bool xorgEnded = false;
     try {
         xorg = runXorgDisplay(&session, plan.xorgArgs, plan.xorgPath, env, plan.depth, plan.width, plan.height);
         waitXorgSocket(plan.xorgSocket, plan.display, xorg, serviceStopFd());
@@ -317,7 +320,8 @@ int runSessionManagerProcess(SessionManagerPlan plan) {
             if (stopRequested) {
                 kill(child, SIGTERM);
             }
-            const int status = waitChild(child, true);
+            // A session whose display has gone has nothing left to show: it ends the ordinary way.
+            const int status = waitChild(child, true, xorg, &xorgEnded);
             Utils::syslogWaitStatus(status, self, child);
             Syslog::debug("%s: wait pid: %d", self, child);
             result = EXIT_SUCCESS;
@@ -327,7 +331,10 @@ int runSessionManagerProcess(SessionManagerPlan plan) {
     }
 
     pam->closeSession();
-    if (xorg > 0) {
+    if (xorgEnded) {
+        removeDeadServerFiles(plan.xorgSocket, plan.display, xorg);
+    }
+    if (xorg > 0 && !xorgEnded) {
         kill(xorg, SIGTERM);
         waitChild(xorg, false);
     }

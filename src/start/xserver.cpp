@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <chrono>
 #include <fstream>
 #include <stdexcept>
@@ -136,6 +137,19 @@ pid_t runXorgDisplay(const Session* session, const std::list<std::string>& args,
     const pid_t pid = Utils::runChildProcess(program, argv, env, nullptr, nullptr);
     pidXorg = pid;
     return pid;
+}
+
+void removeDeadServerFiles(std::string_view socketTemplate, uint32_t display, pid_t pid) {
+    const std::filesystem::path lock = "/tmp/.X" + std::to_string(display) + "-lock";
+    const auto text = Utils::readFileText(lock);
+    pid_t owner = 0;
+    const char* first = text.data() + text.find_first_not_of(' ');
+    if (text.empty() || std::from_chars(first, text.data() + text.size(), owner).ec != std::errc() || owner != pid) {
+        return; // another server's, or none
+    }
+    std::error_code ec;
+    std::filesystem::remove(Utils::stringReplace(socketTemplate, "%{display}", std::to_string(display)), ec);
+    std::filesystem::remove(lock, ec);
 }
 
 void waitXorgSocket(std::string_view socketTemplate, uint32_t display, pid_t pid, int stopFd) {

@@ -61,6 +61,11 @@ pid_t runXorgDisplay(const Session* session, const std::list<std::string>& args,
 // Returns early, without the socket, when `stopFd` becomes readable.
 void waitXorgSocket(std::string_view socketTemplate, uint32_t display, pid_t pid, int stopFd = -1);
 
+// After the X server `pid` of the display died without its own tear-down (SIGKILL, a crash): its lock file
+// "/tmp/.X<display>-lock", when it still names that pid, and its socket are removed, so that the next server on
+// the display neither refuses to start nor is taken for up before it listens.
+void removeDeadServerFiles(std::string_view socketTemplate, uint32_t display, pid_t pid);
+
 namespace Utils {
 
 // Bytes from a per-256-byte-block shuffle of all byte values (mt19937 seeded from the random device).

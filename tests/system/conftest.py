@@ -11,6 +11,7 @@ import time
 import uuid
 
 import dbus
+import dbus.bus
 import dbus.lowlevel
 import pytest
 from dbus.mainloop.glib import DBusGMainLoop
@@ -348,12 +349,24 @@ class Procs:
             proc.popen.wait()
 
 
-@pytest.fixture(scope="session")
-def bus():
-    conn = dbus.SystemBus()
-    # systemd announces unit changes only to subscribers
+def system_bus():
+    """A connection of its own to the system bus, subscribed to systemd's unit changes (it announces them only to
+    subscribers)."""
+    conn = dbus.bus.BusConnection(dbus.bus.BusConnection.TYPE_SYSTEM)
+    conn.set_exit_on_disconnect(False)  # a test that restarts the bus goes on with a new connection
     conn.call_blocking(SYSTEMD, "/org/freedesktop/systemd1", f"{SYSTEMD}.Manager", "Subscribe", "", [])
     return conn
+
+
+BUS = []
+
+
+@pytest.fixture
+def bus():
+    """The tests' connection, made again when a test restarted the bus."""
+    if not BUS or not BUS[0].get_is_connected():
+        BUS[:] = [system_bus()]
+    return BUS[0]
 
 
 @pytest.fixture

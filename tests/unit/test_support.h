@@ -16,9 +16,71 @@
 #include <gtest/gtest.h>
 
 #include "common/logger.h"
+#include "session/redirect_policy.h"
+#include "session/session.h"
 #include "session/user_info.h"
 
 namespace TestSupport {
+
+// A user whose reported fields all differ from their defaults.
+inline std::shared_ptr<Vexa::UserEx> makeUser() {
+    passwd entry{};
+    entry.pw_name = const_cast<char*>("ann");
+    entry.pw_uid = 1000;
+    entry.pw_gid = 100;
+    auto user = std::make_shared<Vexa::UserEx>(entry, false);
+    user->home = "/home/ann";
+    user->shell = "/bin/bash";
+    user->gecos = "Ann \"Q\" \\ \x01 \xc3\xa9";
+    user->domain = "CORP";
+    user->ntlm = "ann:AB12";
+    user->runtimedir = "/run/user/1000";
+    user->profileMounted = true;
+    user->userLimits[Vexa::ResourceControl::CpuQuota] = "50%";
+    user->userLimits[Vexa::ResourceControl::MemoryMax] = "2G";
+    user->userLimits[Vexa::ResourceControl::TasksMax] = ""; // back to the systemd default: no limit
+    return user;
+}
+
+// A session of makeUser: every field differs from its default, so that a key written from the wrong field shows.
+inline std::unique_ptr<Vexa::Session> makeSession(std::shared_ptr<Vexa::UserEx> user) {
+    auto s = std::make_unique<Vexa::Session>(7, std::move(user), Vexa::ServiceDefaults{});
+    s->display = 12;
+    s->xauthfile = "/run/vexa/xauth12";
+    s->gusId = "g-1";
+    s->xsessionName = "kde";
+    s->xsessionProg = "/usr/bin/startplasma-x11";
+    s->xsessionArgs = {std::string("a\0b", 3), "--x"};
+    s->dbusAddress = "unix:path=/run/user/1000/bus";
+    s->durationLimit = 1;
+    s->inactivityLimit = 2;
+    s->disconnectLimit = 3;
+    s->seamlessLimit = 4;
+    s->clipboardLimit = 5;
+    s->pid2 = 4242;
+    s->assistance = 17;
+    s->startedTimepoint = Vexa::Session::SystemTime(std::chrono::nanoseconds(1'700'000'000'999'999'999));
+    s->onlinedTimepoint = Vexa::Session::SystemTime(std::chrono::seconds(1'700'000'100));
+    // Slots taken by transports registered without a pidfd: none runs and none can be signalled.
+    s->transports[1].pid = 0x7FFFFF01;
+    s->transports[1].remoteaddr = "10.0.0.1";
+    s->transports[3].pid = 0x7FFFFF03;
+    s->transports[3].remoteaddr = "10.0.0.3";
+    s->systemdSid = "c5";
+    s->systemdSlice = "user-1000.slice";
+    s->systemdCgroup = "/user.slice/user-1000.slice/session-c5.scope";
+    s->sessionLimits[Vexa::ResourceControl::NetworkDeny] = "any";
+    s->secTls = true;
+    s->redirectPolicy = Vexa::redirectMask(Vexa::RedirectBit::Printer) |
+                        Vexa::redirectMask(Vexa::RedirectBit::ClipboardClient) |
+                        Vexa::redirectMask(Vexa::RedirectBit::Audio);
+    s->policyConnect = Vexa::ConnectPolicy::MultiAllow;
+    s->disconnectedFreeze = true;
+    s->rdpKeepAliveInterval = 8;
+    s->rdpKeepAliveFailures = 9;
+    s->seamlessMode = true;
+    return s;
+}
 
 // Everything `call` logs, through the console sink.
 inline std::string logged(const std::function<void()>& call) {

@@ -1,6 +1,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <grp.h>
 #include <pwd.h>
 #include <set>
@@ -97,4 +98,34 @@ TEST(XserverWrapper, OnlyAllowedUsersAnybodyOnTheFirstMatchingLineKeepsTheWrappe
         EXPECT_EQ(text.find(hint) != std::string::npos, expected) << text;
     }
     EXPECT_TRUE(checkXWrapperAllowedOnlyConsole(dir.path / "absent"));
+}
+
+TEST(XserverDeadServer, OnlyTheDeadServersLockAndSocketAreRemoved) {
+    const TempDir dir;
+    // A display number no X server of the test machine uses; the lock file's place is fixed by the X servers.
+    const uint32_t display = 59000 + static_cast<uint32_t>(getpid() % 1000);
+    const fs::path lock = "/tmp/.X" + std::to_string(display) + "-lock";
+    const auto socket = dir.path / ("X" + std::to_string(display));
+    struct Case {
+        const char* name;
+        std::optional<std::string> lockText; // nullopt: no lock file
+        bool removed;
+    };
+    const Case cases[] = {
+        {"lock of the dead server", "      4321\n", true},
+        {"lock of another server", "      4322\n", false},
+        {"lock without a pid", "\n", false},
+        {"no lock", std::nullopt, false},
+    };
+    for (const auto& c : cases) {
+        std::ofstream(socket) << "";
+        if (c.lockText) {
+            std::ofstream(lock) << *c.lockText;
+        }
+        removeDeadServerFiles((dir.path / "X%{display}").string(), display, 4321);
+        EXPECT_EQ(!fs::exists(socket), c.removed) << c.name;
+        EXPECT_EQ(!fs::exists(lock), c.removed || !c.lockText) << c.name;
+        fs::remove(lock);
+        fs::remove(socket);
+    }
 }

@@ -5,10 +5,13 @@ run-container: tables for each X server configuration and section (README.md bes
 import argparse
 import json
 import multiprocessing
+import os
 import pathlib
 import random
 import re
+import signal
 import statistics
+import subprocess
 import sys
 import tempfile
 import time
@@ -20,7 +23,8 @@ from conftest import (BUS_NAME, CONFIG, INTERFACE, OBJECT_PATH, XVFB, Calls, Pro
                       dispatch, journal, run, wait_for)
 
 XSERVERS = {"xorg": {}, "xvfb": XVFB}  # xorg: the installed default, Xorg with the dummy driver
-SECTIONS = ["sequential", "concurrent", "status", "wrongpass", "disconnect", "resize", "idle", "many", "cycles"]
+SECTIONS = ["sequential", "concurrent", "status", "wrongpass", "disconnect", "resize", "idle", "many", "cycles",
+            "restart"]
 PASSWORD = "Vexa-bench-P4ss"
 CONCURRENT, WRONG = 6, 3
 # milestone: (SYSLOG_IDENTIFIER, pattern of MESSAGE); the first match after the call counts
@@ -299,6 +303,61 @@ class Bench:
         table(f"cycles: {count} start/stop cycles of {user(1)}'s session; VmRSS growth: {growth}",
               ["cycles", "threads", "VmRSS kB", "start median ms"], rows)
 
+    def restart(self):
+        """--many live sessions; the daemon restarted under them (systemctl restart, then SIGKILL and systemd's
+        restart): until the new daemon lists them all, what the bus answers meanwhile, and what changed for them."""
+        count = self.args.many
+        sids = [start(self.svc, user(i))[0] for i in range(1, count + 1)]
+        listed = sorted(int(sid) for _, sid in self.svc.value("vexaSessions"))
+        managers = sorted(json.loads(str(self.svc.value("vexaSessionInfoJson", "u", sid)))["pid2"] for sid in sids)
+        rows = []
+        for how in ("systemctl restart", "SIGKILL"):
+            old, after = self.svc.pid, cursor()
+            began = time.monotonic()
+            if how == "SIGKILL":
+                os.kill(old, signal.SIGKILL)
+                restarter = None
+            else:
+                restarter = subprocess.Popen(["systemctl", "restart", "vexa.service"])
+            refused, first_refused, answered, errors = 0, None, None, set()
+            while answered is None:
+                try:
+                    got = sorted(int(sid) for _, sid in self.svc.value("vexaSessions"))
+                    pid = int(self.svc.prop("MainPID", "Service"))
+                except dbus.exceptions.DBusException as e:
+                    refused += 1
+                    errors.add(e.get_dbus_name().rsplit(".", 1)[-1])
+                    first_refused = first_refused or time.monotonic()
+                    got = pid = None
+                if got == listed and pid not in (None, 0, old):
+                    answered = time.monotonic()
+                elif time.monotonic() - began > 120:
+                    raise RuntimeError(f"{how}: the sessions were not listed again within 120 s")
+                else:
+                    time.sleep(0.005)
+            if restarter:
+                restarter.wait()
+            self.svc.pid = int(self.svc.prop("MainPID", "Service"))
+            lines = journal(after, self.svc.pid)
+            stamp = lambda e: int(e["__REALTIME_TIMESTAMP"]) / 1e6  # noqa: E731
+            adopted = [stamp(e) for e in lines if e["MESSAGE"].startswith("adoptSessions: session adopted")]
+            ready = next(stamp(e) for e in lines if e["MESSAGE"].startswith("start: started"))
+            # the start time counts clock ticks since boot: its age on the boot clock, set against the wall clock
+            ticks = int(pathlib.Path(f"/proc/{self.svc.pid}/stat").read_text().rsplit(")", 1)[1].split()[19])
+            exec_at = time.time() - (time.clock_gettime(time.CLOCK_BOOTTIME) - ticks / os.sysconf("SC_CLK_TCK"))
+            now = sorted(json.loads(str(self.svc.value("vexaSessionInfoJson", "u", sid)))["pid2"] for sid in sids)
+            rows.append([how, (answered - began) * 1000, (ready - exec_at) * 1000,
+                         (adopted[-1] - adopted[0]) * 1000 if adopted else 0.0, len(adopted),
+                         (answered - first_refused) * 1000 if first_refused else 0.0, refused,
+                         ",".join(sorted(errors)) or "-", "same" if now == managers else "CHANGED"])
+        table(f"restart: {count} live sessions; ms from the restart (or the kill) until vexaSessions lists all again; "
+              "the new daemon's process start to its \"started\" line (start-up with the records read and checked, "
+              "exec at clock-tick resolution); first to last \"session adopted\" line; ms from the first refused call "
+              "to the full answer, calls refused meanwhile (every 5 ms) and their errors, session managers",
+              ["how", "until listed", "exec to started", "adoption", "adopted", "refused window", "refused",
+               "errors", "managers"], rows)
+        end(self.svc, sids, timeout=600)
+
     def run(self):
         # The status samples are taken during the concurrent starts: either name runs those.
         for section in dict.fromkeys({"status": "concurrent"}.get(s, s) for s in SECTIONS if s in self.args.only):
@@ -306,7 +365,7 @@ class Bench:
             getattr(self, section)()
             self.took[section] = time.monotonic() - began
             print(f"  ({section} took {self.took[section]:.1f} s)")
-            if int(self.svc.prop("MainPID", "Service")) != self.svc.pid:
+            if section != "restart" and int(self.svc.prop("MainPID", "Service")) != self.svc.pid:
                 raise RuntimeError(f"vexa.service is not the daemon the bench started (pid {self.svc.pid}) "
                                    f"after {section}")
 
@@ -336,7 +395,7 @@ def main():
             (["-n", "--sessions"], int, 20, "sequential: sessions"),
             (["--hold"], float, 0.5, "sequential: seconds a session runs after the reply"),
             (["--idle-seconds"], float, 30, "idle: seconds measured"),
-            (["--many"], int, 100, "many: live sessions of as many users"),
+            (["--many"], int, 100, "many, restart: live sessions of as many users"),
             (["--cycles"], int, 200, "cycles: start/stop cycles"),
             (["--disconnects"], int, 10, "disconnect: transports killed one after the other"),
             (["--resizes"], int, 10, "resize: resizes of each kind")]:
@@ -348,7 +407,8 @@ def main():
     if unknown := (set(args.only) - set(SECTIONS)) | (set(args.xserver.split(",")) - set(XSERVERS)):
         parser.error(f"unknown: {', '.join(sorted(unknown))}")
 
-    users = {"concurrent": CONCURRENT, "status": CONCURRENT, "wrongpass": WRONG + 1, "many": args.many}
+    users = {"concurrent": CONCURRENT, "status": CONCURRENT, "wrongpass": WRONG + 1, "many": args.many,
+             "restart": args.many}
     needed = max([1, *(users[section] for section in args.only if section in users)])
     for number in range(1, needed + 1):
         run(["useradd", "--create-home", user(number)], check=False)
