@@ -27,6 +27,7 @@
 #include "rdp/logon.h"
 #include "rdp/monitor_layout.h"
 #include "start/session_request.h"
+#include "test_support.h"
 
 using namespace Vexa;
 using namespace Vexa::Rdp;
@@ -497,34 +498,7 @@ TEST(CursorShape, LargeImagesAreClippedAndEmptyOnesGiveNothing) {
 }
 
 TEST(RdpBusCalls, SignaturesMatchTheInterfaceDescription) {
-    std::ifstream in(std::string(VEXA_SOURCE_DIR) + "/src/dbus/ru.kelvo.vexa.xml");
-    ASSERT_TRUE(in) << "interface description not found";
-    std::stringstream text;
-    text << in.rdbuf();
-    const std::string xml = text.str();
-    // Method name -> (in, out) signatures, read from the description (plain scanning: std::regex recurses too deep
-    // for a sanitizer build's stack on a text this long).
-    auto attribute = [](std::string_view tag, std::string_view name) {
-        const std::string key = std::string(name) + "=\"";
-        const size_t from = tag.find(key);
-        if (from == std::string_view::npos) {
-            return std::string();
-        }
-        const size_t begin = from + key.size();
-        return std::string(tag.substr(begin, tag.find('"', begin) - begin));
-    };
-    std::map<std::string, std::pair<std::string, std::string>> described;
-    for (size_t at = xml.find("<method "); at != std::string::npos; at = xml.find("<method ", at + 1)) {
-        const size_t close = xml.find("</method>", at);
-        ASSERT_NE(close, std::string::npos);
-        const std::string_view body(xml.data() + at, close - at);
-        std::pair<std::string, std::string> sig;
-        for (size_t a = body.find("<arg "); a != std::string_view::npos; a = body.find("<arg ", a + 1)) {
-            const std::string_view tag = body.substr(a, body.find('>', a) - a);
-            (attribute(tag, "direction") == "in" ? sig.first : sig.second) += attribute(tag, "type");
-        }
-        described[attribute(body.substr(0, body.find('>')), "name")] = sig;
-    }
+    const auto described = TestSupport::interfaceSignatures();
     ASSERT_GT(described.size(), 90u);
     for (const auto& m : busMethods()) {
         SCOPED_TRACE(std::string(m.name));

@@ -5,9 +5,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
 #include <pwd.h>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <sys/wait.h>
@@ -21,6 +24,39 @@
 #include "session/user_info.h"
 
 namespace TestSupport {
+
+// Method name -> (in, out) signatures, read from the interface description (plain scanning: std::regex recurses too
+// deep for a sanitizer build's stack on a text this long).
+inline std::map<std::string, std::pair<std::string, std::string>> interfaceSignatures() {
+    std::ifstream in(std::string(VEXA_SOURCE_DIR) + "/src/dbus/ru.kelvo.vexa.xml");
+    std::stringstream text;
+    text << in.rdbuf();
+    const std::string xml = text.str();
+    auto attribute = [](std::string_view tag, std::string_view name) {
+        const std::string key = std::string(name) + "=\"";
+        const size_t from = tag.find(key);
+        if (from == std::string_view::npos) {
+            return std::string();
+        }
+        const size_t begin = from + key.size();
+        return std::string(tag.substr(begin, tag.find('"', begin) - begin));
+    };
+    std::map<std::string, std::pair<std::string, std::string>> described;
+    for (size_t at = xml.find("<method "); at != std::string::npos; at = xml.find("<method ", at + 1)) {
+        const size_t close = xml.find("</method>", at);
+        if (close == std::string::npos) {
+            break;
+        }
+        const std::string_view body(xml.data() + at, close - at);
+        std::pair<std::string, std::string> sig;
+        for (size_t a = body.find("<arg "); a != std::string_view::npos; a = body.find("<arg ", a + 1)) {
+            const std::string_view tag = body.substr(a, body.find('>', a) - a);
+            (attribute(tag, "direction") == "in" ? sig.first : sig.second) += attribute(tag, "type");
+        }
+        described[attribute(body.substr(0, body.find('>')), "name")] = sig;
+    }
+    return described;
+}
 
 // A user whose reported fields all differ from their defaults.
 inline std::shared_ptr<Vexa::UserEx> makeUser() {
