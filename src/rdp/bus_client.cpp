@@ -88,6 +88,9 @@ const std::vector<BusMethod>& busMethods() {
         {"vexaTransportDisplayShutdown", "u", ""},
         {"vexaTransportDisplayPolicyRedirect", "u", "t"},
         {"vexaTransportDisplayRdpKeepAlive", "u", "t"},
+        {"vexaTransportPolicyShowLoginHelper", "", "b"},
+        {"vexaLoginHelperStart", "si", "(is)"},
+        {"vexaSessions", "", "a(su)"},
     };
     return table;
 }
@@ -99,6 +102,7 @@ BusClient::BusClient() {
 }
 
 BusClient::~BusClient() {
+    sd_bus_slot_unref(switchSlot);
     sd_bus_flush_close_unref(bus);
 }
 
@@ -198,6 +202,88 @@ std::pair<uint32_t, uint32_t> BusClient::transportDisplayRdpKeepAlive(uint32_t d
     return unpack(readOne<uint64_t>(call(bus, "vexaTransportDisplayRdpKeepAlive", quickTimeoutUsec, "u", display),
                                     "vexaTransportDisplayRdpKeepAlive", "t")
                       .value_or(0));
+}
+
+bool BusClient::transportPolicyShowLoginHelper() {
+    return readOne<int>(call(bus, "vexaTransportPolicyShowLoginHelper", quickTimeoutUsec, ""),
+                        "vexaTransportPolicyShowLoginHelper", "b")
+               .value_or(0) != 0;
+}
+
+std::optional<DisplaySwitch> BusClient::loginHelperStart(const std::string& user, pid_t pid, uint32_t timeoutSec) {
+    constexpr const char* method = "vexaLoginHelperStart";
+    Message reply{call(bus, method, uint64_t{timeoutSec} * 1'000'000, "si", user.c_str(), static_cast<int32_t>(pid))};
+    int32_t display = -1;
+    const char* path = nullptr;
+    if (!reply.msg) {
+        return std::nullopt;
+    }
+    if (const int r = sd_bus_message_read(reply.msg, "(is)", &display, &path); r < 0) {
+        Syslog::error("%s: %s failed, error: %s, code: %d", method, "sd_bus_message_read", Utils::errnoText(-r).c_str(),
+                      -r);
+        return std::nullopt;
+    }
+    if (display < 0 || !path || !*path) {
+        return std::nullopt;
+    }
+    return DisplaySwitch{display, path};
+}
+
+std::vector<uint32_t> BusClient::sessions() {
+    constexpr const char* method = "vexaSessions";
+    std::vector<uint32_t> ids;
+    Message reply{call(bus, method, quickTimeoutUsec, "")};
+    if (!reply.msg || sd_bus_message_enter_container(reply.msg, 'a', "(su)") < 0) {
+        return ids;
+    }
+    const char* user = nullptr;
+    uint32_t id = 0;
+    while (sd_bus_message_read(reply.msg, "(su)", &user, &id) > 0) {
+        ids.push_back(id);
+    }
+    return ids;
+}
+
+bool BusClient::watchDisplaySwitch(pid_t pid, std::function<void(DisplaySwitch)> handler) {
+    switchPid = pid;
+    onSwitch = std::move(handler);
+    // Only the service's own signals: the bus delivers none of another sender through this match.
+    const int r = sd_bus_match_signal(
+        bus, &switchSlot, service, object, interface, "signalTransportDisplaySwitchTo",
+        [](sd_bus_message* message, void* data, sd_bus_error*) -> int {
+            auto* self = static_cast<BusClient*>(data);
+            int32_t pid = 0;
+            int32_t display = -1;
+            const char* path = nullptr;
+            if (sd_bus_message_read(message, "iis", &pid, &display, &path) < 0 || pid != self->switchPid) {
+                return 0;
+            }
+            self->onSwitch({display, path ? path : ""});
+            return 0;
+        },
+        this);
+    if (r < 0) {
+        Syslog::error("%s: %s failed, error: %s, code: %d", "watchDisplaySwitch", "sd_bus_match_signal",
+                      Utils::errnoText(-r).c_str(), -r);
+        return false;
+    }
+    return true;
+}
+
+int BusClient::fd() const {
+    return sd_bus_get_fd(bus);
+}
+
+bool BusClient::dispatch() {
+    int r = 0;
+    while ((r = sd_bus_process(bus, nullptr)) > 0) {
+    }
+    if (r < 0) {
+        Syslog::error("%s: %s failed, error: %s, code: %d", "dispatch", "sd_bus_process", Utils::errnoText(-r).c_str(),
+                      -r);
+        return false;
+    }
+    return true;
 }
 
 } // namespace Vexa::Rdp

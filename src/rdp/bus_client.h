@@ -4,6 +4,7 @@
 // event loop's. Every call logs its own failure and returns the failure value the service itself uses for it.
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -11,7 +12,10 @@
 
 #include "rdp/monitor_layout.h"
 
+#include <sys/types.h>
+
 struct sd_bus;
+struct sd_bus_slot;
 
 namespace Vexa::Rdp {
 
@@ -23,6 +27,12 @@ struct BusMethod {
     std::string_view out;
 };
 const std::vector<BusMethod>& busMethods();
+
+// Where the service moves a transport that shows the login screen: the user's display.
+struct DisplaySwitch {
+    int32_t display = -1;
+    std::string xauthfile;
+};
 
 class BusClient {
 public:
@@ -47,9 +57,25 @@ public:
     std::pair<uint32_t, uint32_t> transportDisplayPolicyRedirect(uint32_t display);
     // (failures, interval in seconds).
     std::pair<uint32_t, uint32_t> transportDisplayRdpKeepAlive(uint32_t display);
+    // Whether every client logs in on the login screen, also one that sent a password.
+    bool transportPolicyShowLoginHelper();
+    // The login screen's session for the transport `pid`: its display and authority file; nullopt when refused.
+    std::optional<DisplaySwitch> loginHelperStart(const std::string& user, pid_t pid, uint32_t timeoutSec);
+    // The ids of the running sessions.
+    std::vector<uint32_t> sessions();
+
+    // Hands every signalTransportDisplaySwitchTo of the service that names `pid` to `onSwitch`, from dispatch().
+    bool watchDisplaySwitch(pid_t pid, std::function<void(DisplaySwitch)> onSwitch);
+    // The connection's descriptor, readable when messages arrived.
+    int fd() const;
+    // Handles what arrived without waiting; false once the connection is gone.
+    bool dispatch();
 
 private:
     sd_bus* bus = nullptr;
+    sd_bus_slot* switchSlot = nullptr;
+    pid_t switchPid = 0;
+    std::function<void(DisplaySwitch)> onSwitch;
 };
 
 } // namespace Vexa::Rdp

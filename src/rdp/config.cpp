@@ -72,6 +72,7 @@ std::optional<RdpConfig> parseRdpConfig(const Json::Value& json, std::string* er
                     readBool(json, "rdp:codec:remotefx", config.remoteFx, error) &&
                     readUnsigned(json, "rdp:frame:rate", 1, 60, config.frameRate, error) &&
                     readUnsigned(json, "rdp:start:timeout", 1, 3600, config.startTimeout, error) &&
+                    readText(json, "rdp:login:user", config.loginUser, error) &&
                     readText(json, "rdp:log:level", config.logLevel, error);
     if (!ok) {
         return std::nullopt;

@@ -28,6 +28,9 @@ struct RdpConfig {
     uint32_t frameRate = 30;
     // Seconds the D-Bus calls that start a session may take.
     uint32_t startTimeout = 120;
+    // The account of the login screen's sessions: clients that send no password log in there (the service's
+    // "login:helper:user").
+    std::string loginUser = "vexa-login";
     // The log level by its name: "none" (notices and worse), "info", "debug", "trace".
     std::string logLevel = "info";
 };

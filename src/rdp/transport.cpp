@@ -134,6 +134,9 @@ public:
         if (xEvent) {
             CloseHandle(xEvent);
         }
+        if (busEvent) {
+            CloseHandle(busEvent);
+        }
         if (signalEvent) {
             CloseHandle(signalEvent);
         }
@@ -156,6 +159,12 @@ private:
     bool activate();
     void refuse(uint32_t errorInfo, int64_t logonError, const char* reason);
     bool attach(const LogonInfo& logon);
+    bool showLoginScreen(const LogonInfo& logon);
+    std::optional<uint32_t> sessionOnDisplay(uint32_t wanted);
+    bool attachTo(uint32_t session, uint32_t newDisplay, const std::string& xauthfile, uint32_t width, uint32_t height,
+                  bool knock);
+    void switchDisplay(const DisplaySwitch& to);
+    void checkLoginLimits();
     void applyTcpKeepAlive();
     void sendCursor();
     void sendFrame();
@@ -188,6 +197,8 @@ private:
     int signalFd = -1;
     HANDLE signalEvent = nullptr;
     HANDLE xEvent = nullptr;
+    // The bus connection's descriptor, waited on while the login screen is shown.
+    HANDLE busEvent = nullptr;
 
     std::unique_ptr<BusClient> bus;
     std::unique_ptr<XDisplay> x;
@@ -203,6 +214,13 @@ private:
     uint32_t sessionId = 0;
     uint32_t display = 0;
     bool attached = false;
+    bool keyboardReady = false;
+    // The login screen is shown: its limits are this transport's to keep, and the service may move the connection
+    // to the display of the session its user logged in to.
+    bool loginScreen = false;
+    std::chrono::system_clock::time_point loginShown{};
+    Clock::time_point loginEnds = Clock::time_point::max();
+    std::optional<DisplaySwitch> switchAsked;
     bool activated = false;
     bool suppressed = false;
     bool resizePending = false;
@@ -366,11 +384,18 @@ bool Connection::postConnect() {
     Syslog::info("%s: client: %s, user: `%s', domain: `%s', size: %ux%u, depth: %u, client build: %u", "postConnect",
                  address.c_str(), logon.username.c_str(), logon.domain.c_str(), logon.width, logon.height, logon.depth,
                  settings->ClientBuild);
-    if (logon.username.empty() || logon.password.empty()) {
+    try {
+        bus = std::make_unique<BusClient>();
+    } catch (const std::exception& err) {
         wipe(logon.password);
-        refuse(ERRINFO_SERVER_INSUFFICIENT_PRIVILEGES, LOGON_FAILED_OTHER,
-               "no user name or password given (auto-logon required, no login screen yet)");
+        Syslog::error("%s: exception: %s", "postConnect", err.what());
+        refuse(ERRINFO_SERVER_DENIED_CONNECTION, -1, "system bus unreachable");
         return FALSE;
+    }
+    // A client without a password logs in on the login screen; so does every client where the service says so.
+    if (logon.username.empty() || logon.password.empty() || bus->transportPolicyShowLoginHelper()) {
+        wipe(logon.password);
+        return showLoginScreen(logon);
     }
     const bool ok = attach(logon);
     wipe(logon.password);
@@ -378,13 +403,6 @@ bool Connection::postConnect() {
 }
 
 bool Connection::attach(const LogonInfo& logon) {
-    try {
-        bus = std::make_unique<BusClient>();
-    } catch (const std::exception& err) {
-        Syslog::error("%s: exception: %s", "attach", err.what());
-        refuse(ERRINFO_SERVER_DENIED_CONNECTION, -1, "system bus unreachable");
-        return false;
-    }
     const auto requested = std::chrono::system_clock::now();
     std::string params = sessionRequestJson(logon);
     const int32_t reply = bus->sessionRequest(params, config.startTimeout);
@@ -395,23 +413,65 @@ bool Connection::attach(const LogonInfo& logon) {
         refuse(refusal.errorInfo, refusal.logonError, refusal.reason);
         return false;
     }
-    sessionId = static_cast<uint32_t>(reply);
-
-    const std::string report = bus->sessionInfoJson(sessionId);
-    const JsonConfigString info(report);
+    const auto session = static_cast<uint32_t>(reply);
+    const JsonConfigString info(bus->sessionInfoJson(session));
     if (!info.isValid() || !info.hasValue("display") || !info.hasValue("xauthfile")) {
         refuse(ERRINFO_SERVER_DENIED_CONNECTION, -1, "no session report");
         return false;
     }
-    display = static_cast<uint32_t>(info.getInteger("display"));
-    const std::string xauthfile = info.getString("xauthfile");
     const auto started =
         std::chrono::system_clock::time_point(std::chrono::seconds(info.getValue("started:timepoint").asInt64()));
-    const bool reconnect = started + 1s < requested;
-    Syslog::info("%s: session id: %u, display: %u, %s", "attach", sessionId, display,
-                 reconnect ? "running session" : "new session");
+    return attachTo(session, static_cast<uint32_t>(info.getInteger("display")), info.getString("xauthfile"),
+                    logon.width, logon.height, started + 1s < requested);
+}
 
-    if (reconnect) {
+bool Connection::showLoginScreen(const LogonInfo& logon) {
+    const pid_t self = getpid();
+    // Listened to before the screen exists: nobody can log in on it earlier.
+    if (!bus->watchDisplaySwitch(self, [this](DisplaySwitch to) { switchAsked = std::move(to); })) {
+        refuse(ERRINFO_SERVER_DENIED_CONNECTION, -1, "no login screen: the service's signals cannot be heard");
+        return false;
+    }
+    busEvent = CreateFileDescriptorEvent(nullptr, FALSE, FALSE, bus->fd(), WINPR_FD_READ);
+    const auto screen = bus->loginHelperStart(config.loginUser, self, config.startTimeout);
+    if (!busEvent || !screen) {
+        refuse(ERRINFO_SERVER_DENIED_CONNECTION, -1, "no login screen");
+        return false;
+    }
+    const auto session = sessionOnDisplay(static_cast<uint32_t>(screen->display));
+    if (!session) {
+        refuse(ERRINFO_SERVER_DENIED_CONNECTION, -1, "no login screen session");
+        return false;
+    }
+    loginScreen = true;
+    loginShown = std::chrono::system_clock::now();
+    const JsonConfigString info(bus->sessionInfoJson(*session));
+    const auto duration = info.isValid() ? info.getInteger("duration:limit") : 0;
+    loginEnds = duration > 0 ? Clock::now() + std::chrono::seconds(duration) : Clock::time_point::max();
+    Syslog::info("%s: client: %s, user: `%s', login screen: session id: %u, display: %d, duration limit: %ds",
+                 "showLoginScreen", address.c_str(), logon.username.c_str(), *session, screen->display, duration);
+    return attachTo(*session, static_cast<uint32_t>(screen->display), screen->xauthfile, logon.width, logon.height,
+                    false);
+}
+
+std::optional<uint32_t> Connection::sessionOnDisplay(uint32_t wanted) {
+    for (const uint32_t id : bus->sessions()) {
+        const JsonConfigString info(bus->sessionInfoJson(id));
+        if (info.isValid() && info.hasValue("display") && info.getInteger("display") == static_cast<int32_t>(wanted)) {
+            return id;
+        }
+    }
+    return std::nullopt;
+}
+
+bool Connection::attachTo(uint32_t session, uint32_t newDisplay, const std::string& xauthfile, uint32_t width,
+                          uint32_t height, bool knock) {
+    sessionId = session;
+    display = newDisplay;
+    Syslog::info("%s: session id: %u, display: %u, %s", "attach", sessionId, display,
+                 knock ? "running session" : "new session");
+
+    if (knock) {
         bus->proxyClientConnected(sessionId, address);
     }
     if (!bus->connectRdpTransport(sessionId, 0)) {
@@ -435,11 +495,11 @@ bool Connection::attach(const LogonInfo& logon) {
         refuse(ERRINFO_SERVER_DENIED_CONNECTION, -1, "session display unreachable");
         return false;
     }
-    if (x->width() != logon.width || x->height() != logon.height) {
-        const bool resized = bus->displayResize(display, static_cast<uint16_t>(logon.width),
-                                                static_cast<uint16_t>(logon.height), config.startTimeout);
+    if (x->width() != width || x->height() != height) {
+        const bool resized = bus->displayResize(display, static_cast<uint16_t>(width), static_cast<uint16_t>(height),
+                                                config.startTimeout);
         Syslog::info("%s: display: %u, size %ux%u, client %ux%u, resize: %s", "attach", display, x->width(),
-                     x->height(), logon.width, logon.height, resized ? "success" : "failed");
+                     x->height(), width, height, resized ? "success" : "failed");
         // The RandR notice of the new size arrives as an event and updates the frame buffer.
         x->dispatch();
     }
@@ -449,22 +509,70 @@ bool Connection::attach(const LogonInfo& logon) {
         return false;
     }
 
-    // FreeRDP's keyboard tables look at the X server named by DISPLAY: the session's, with its cookie file.
-    const std::string displayName = ":" + std::to_string(display);
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet (the channels' start after activation)
-    setenv("DISPLAY", displayName.c_str(), 1);
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): as above
-    setenv("XAUTHORITY", xauthfile.c_str(), 1);
-    const DWORD layout = freerdp_keyboard_init(peer->settings->KeyboardLayout);
-    Syslog::debug("%s: keyboard layout: 0x%08x, client: 0x%08x", "attach", layout, peer->settings->KeyboardLayout);
+    // FreeRDP's keyboard tables look at the X server named by DISPLAY: the first session's, with its cookie file.
+    // The service's X servers all have the same keycodes, so a display switched to later keeps the tables (and
+    // the environment is not written while the channels' threads run).
+    if (!keyboardReady) {
+        const std::string displayName = ":" + std::to_string(display);
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet (the channels' start after activation)
+        setenv("DISPLAY", displayName.c_str(), 1);
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): as above
+        setenv("XAUTHORITY", xauthfile.c_str(), 1);
+        const DWORD layout = freerdp_keyboard_init(peer->settings->KeyboardLayout);
+        Syslog::debug("%s: keyboard layout: 0x%08x, client: 0x%08x", "attach", layout, peer->settings->KeyboardLayout);
+        keyboardReady = true;
+    }
 
     inactivityLimit = bus->transportDisplayInactivity(display);
+    inactivityReported = false;
     const auto [redirect, clipboardLimit] = bus->transportDisplayPolicyRedirect(display);
     Syslog::debug("%s: inactivity limit: %us, redirect policy: 0x%08x, clipboard limit: %u", "attach", inactivityLimit,
                   redirect, clipboardLimit);
     applyTcpKeepAlive();
     lastInput = Clock::now();
     return true;
+}
+
+// The login screen's user has a session: the connection moves to its display and the client stays connected. The
+// login screen ends by itself once this transport is registered with the user's session.
+void Connection::switchDisplay(const DisplaySwitch& to) {
+    Syslog::info("%s: display: %u to display: %d", "switchDisplay", display, to.display);
+    const auto session = to.display >= 0 ? sessionOnDisplay(static_cast<uint32_t>(to.display)) : std::nullopt;
+    if (!session) {
+        refuse(ERRINFO_SERVER_DENIED_CONNECTION, -1, "no session on the display switched to");
+        return;
+    }
+    const JsonConfigString info(bus->sessionInfoJson(*session));
+    const auto started =
+        std::chrono::system_clock::time_point(std::chrono::seconds(info.getValue("started:timepoint").asInt64()));
+    const uint32_t loginDisplay = display;
+    closeClipboard();
+    if (xEvent) {
+        CloseHandle(xEvent);
+        xEvent = nullptr;
+    }
+    x.reset();
+    pending.clear();
+    loginScreen = false;
+    rdpSettings* settings = peer->settings;
+    if (!attachTo(*session, static_cast<uint32_t>(to.display), to.xauthfile, settings->DesktopWidth,
+                  settings->DesktopHeight, started < loginShown)) {
+        return;
+    }
+    bus->transportDisplayShutdown(loginDisplay);
+    if (!activated) {
+        return; // the client's next activation sends the new screen
+    }
+    if (settings->DesktopWidth != x->width() || settings->DesktopHeight != x->height()) {
+        if (settings->DesktopResize) {
+            resizePending = true;
+        }
+    } else {
+        pending.push_back({0, 0, x->width(), x->height()});
+        cursorSerial = 0;
+        sendCursor();
+    }
+    openClipboard();
 }
 
 // The service's keep-alive policy (seconds between probes, probes missed before the connection is dropped)
@@ -512,7 +620,8 @@ bool Connection::activate() {
                  settings->DesktopWidth, settings->DesktopHeight, codecName(encoder->codec()), settings->ColorDepth,
                  settings->MultifragMaxRequestSize);
     activated = true;
-    if (!cliprdr) {
+    // Nothing is copied to or from the login screen; the clipboard opens with the user's session.
+    if (!cliprdr && !loginScreen) {
         openClipboard();
     }
     pending.push_back({0, 0, x->width(), x->height()});
@@ -660,6 +769,23 @@ void Connection::checkInactivity() {
         inactivityReported = true;
         bus->transportDisplayInactivityEvent(display);
     }
+}
+
+// The login screen's limits end the connection here: the service counts a login screen as left alone only once
+// nobody is connected to it, so a client that sits on it is disconnected after its idle time or its whole time.
+void Connection::checkLoginLimits() {
+    if (!loginScreen) {
+        return;
+    }
+    const bool expired = Clock::now() > loginEnds;
+    if (!inactivityReported && !expired) {
+        return;
+    }
+    Syslog::notice("%s: display: %u, %s, ending the connection", "checkLoginLimits", display,
+                   expired ? "login time is up" : "idle");
+    freerdp_set_error_info(peer->context->rdp, expired ? ERRINFO_LOGON_TIMEOUT : ERRINFO_IDLE_TIMEOUT);
+    freerdp_send_error_info(peer->context->rdp);
+    terminated = true;
 }
 
 void Connection::handleX() {
@@ -943,7 +1069,7 @@ int Connection::run() {
     }
     while (!terminated) {
         HANDLE handles[MAXIMUM_WAIT_OBJECTS];
-        DWORD count = peer->GetEventHandles(peer, handles, MAXIMUM_WAIT_OBJECTS - 5);
+        DWORD count = peer->GetEventHandles(peer, handles, MAXIMUM_WAIT_OBJECTS - 6);
         if (count == 0) {
             Syslog::error("%s: %s failed", "run", "GetEventHandles");
             break;
@@ -953,6 +1079,9 @@ int Connection::run() {
         handles[count++] = layoutEvent;
         if (xEvent) {
             handles[count++] = xEvent;
+        }
+        if (busEvent) {
+            handles[count++] = busEvent;
         }
         if (cliprdrEvent && count < MAXIMUM_WAIT_OBJECTS) {
             handles[count++] = cliprdrEvent;
@@ -995,6 +1124,21 @@ int Connection::run() {
         if (WaitForSingleObject(layoutEvent, 0) == WAIT_OBJECT_0) {
             applyLayout();
         }
+        if (busEvent && !bus->dispatch()) {
+            break;
+        }
+        if (switchAsked) {
+            const DisplaySwitch to = std::move(*switchAsked);
+            switchAsked.reset();
+            if (loginScreen) {
+                switchDisplay(to);
+            } else {
+                Syslog::warning("%s: display: %d, not on the login screen, switch ignored", "run", to.display);
+            }
+            if (exitCode != 0) {
+                break;
+            }
+        }
         handleX();
         if (resizePending && x) {
             desktopResize();
@@ -1003,6 +1147,7 @@ int Connection::run() {
             sendFrame();
         }
         checkInactivity();
+        checkLoginLimits();
     }
     peer->Disconnect(peer);
     if (attached && bus) {

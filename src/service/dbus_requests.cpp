@@ -391,6 +391,15 @@ void DBusService::vexaLoginHelperAllowConnectForTransportTo(const int32_t& trans
     serve("vexaLoginHelperAllowConnectForTransportTo", [&] {
         info("%s: transport pid: %d, display: %d, xauthfile: `%s'", "vexaLoginHelperAllowConnectForTransportTo",
              transportPid, x11Display, xauthFile.c_str());
+        // The transport leaves the login screen's session without ending: its slot there is freed without a
+        // signal, so that the end of the login screen does not take the moved connection with it.
+        sessions.locked([transportPid](SessionRegistry::Map& map) {
+            for (const auto& [id, session] : map) {
+                if (TransportInfo* slot = session->loginMode ? session->findConnectInfo(transportPid) : nullptr) {
+                    slot->reset(true);
+                }
+            }
+        });
         startWorker([this, transportPid, x11Display, xauthFile] {
             emitSignal("signalTransportDisplaySwitchTo",
                        [&] { emitSignalTransportDisplaySwitchTo(transportPid, x11Display, xauthFile); });

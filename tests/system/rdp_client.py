@@ -183,13 +183,16 @@ class Screen:
 
 
 class Client:
-    """xfreerdp on a Screen, connected to HOST:PORT as USER with PASSWORD; its output goes to a log file."""
+    """xfreerdp on a Screen, connected to HOST:PORT as USER with PASSWORD (None: not given); its output goes to a
+    log file."""
 
     def __init__(self, screen, user, password, host="127.0.0.1", port=3389, size=None, extra=(), log=None):
         self.screen = screen
         self.size = size or (screen.width, screen.height)
         self.log = pathlib.Path(log or f"/tmp/xfreerdp-{screen.display}.log")
-        self.argv = [XFREERDP, f"/v:{host}:{port}", f"/u:{user}", f"/p:{password}", "/cert:ignore",
+        # without a user name and password the client logs on with none: the server shows its login screen
+        credentials = [f"/u:{user}"] * (user is not None) + [f"/p:{password}"] * (password is not None)
+        self.argv = [XFREERDP, f"/v:{host}:{port}", *credentials, "/cert:ignore",
                      f"/size:{self.size[0]}x{self.size[1]}", "-grab-keyboard",
                      "-auto-reconnect", *extra]
         # xfreerdp exits 1 without a word when it has no HOME (as in a unit's job); a home of its own also keeps
