@@ -11,11 +11,14 @@ import pytest
 
 import rdp_client
 from conftest import PASSWORD, WRONG, journal, processes, wait_for
-from test_rdp import (COLOURS, connected, gone, painted, rdp_socket, rdp_user, session_screen, shows_session,  # noqa: F401
-                      transports, user_session)
+import test_rdp
+from test_rdp import COLOURS, connected, gone, painted, rdp_user, session_screen, shows_session, transports, user_session
 
 HELPER = pathlib.Path("/usr/libexec/vexa/vexa_login_helper")
-pytestmark = pytest.mark.skipif(not HELPER.exists(), reason=f"{HELPER} is not installed")
+# the RDP socket as the package's post-install step enables it, shared with test_rdp.py
+rdp_socket = test_rdp.rdp_socket
+pytestmark = [pytest.mark.skipif(not HELPER.exists(), reason=f"{HELPER} is not installed"),
+              pytest.mark.usefixtures("rdp_socket")]
 LOGIN_USER = "vexa-login"
 SIZE = (1024, 768)
 # the login screen's card and its refusal text (src/greeter/greeter_main.cpp)
@@ -77,7 +80,7 @@ def lands(sessions, client, user, colour, pid):
     return sid, info
 
 
-def test_a_client_without_password_logs_in_on_the_login_screen(rdp_socket, sessions, new_user, clients):
+def test_a_client_without_password_logs_in_on_the_login_screen(sessions, new_user, clients):
     user, home = rdp_user(new_user, "greetok", COLOURS[1])
     client, login_sid, login_info, pid = login_screen(sessions, clients)
     image = client.screen.grab()
@@ -100,7 +103,7 @@ def test_a_client_without_password_logs_in_on_the_login_screen(rdp_socket, sessi
     assert info["display"] != login_info["display"]
 
 
-def test_a_wrong_password_is_refused_on_the_login_screen(rdp_socket, sessions, new_user, clients):
+def test_a_wrong_password_is_refused_on_the_login_screen(sessions, new_user, clients):
     user, _ = rdp_user(new_user, "greetwrong")
     client, login_sid, login_info, pid = login_screen(sessions, clients)
     after = sessions.svc.cursor
@@ -116,7 +119,7 @@ def test_a_wrong_password_is_refused_on_the_login_screen(rdp_socket, sessions, n
     shows_session(client, login_info, *SIZE)
 
 
-def test_the_login_screen_ends_after_its_idle_limit(rdp_socket, sessions, clients):
+def test_the_login_screen_ends_after_its_idle_limit(sessions, clients):
     client, login_sid, login_info, pid = login_screen(sessions, clients)
     assert login_info["inactivity:limit"] == 60
     # nobody types: the transport reports the idle client after 60 s and ends the connection, the screen follows
@@ -127,7 +130,7 @@ def test_the_login_screen_ends_after_its_idle_limit(rdp_socket, sessions, client
     assert sessions.listed() == set()
 
 
-def test_a_reconnect_with_the_password_goes_to_the_running_session(rdp_socket, sessions, new_user, clients):
+def test_a_reconnect_with_the_password_goes_to_the_running_session(sessions, new_user, clients):
     user, _ = rdp_user(new_user, "greetback", COLOURS[2])
     client, login_sid, _, pid = login_screen(sessions, clients)
     log_in(client, user, PASSWORD)
