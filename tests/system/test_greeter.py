@@ -103,20 +103,35 @@ def test_a_client_without_password_logs_in_on_the_login_screen(sessions, new_use
     assert info["display"] != login_info["display"]
 
 
-def test_a_wrong_password_is_refused_on_the_login_screen(sessions, new_user, clients):
-    user, _ = rdp_user(new_user, "greetwrong")
+def replies(after):
+    """The login screen's replies from the service, as it logged them."""
+    return [e["MESSAGE"] for e in journal(after, idents=("vexa_login_helper",))
+            if e["MESSAGE"].startswith("onSessionReply:")]
+
+
+def test_a_wrong_password_is_refused_on_the_login_screen_and_throttled(sessions, new_user, clients):
+    user, _ = rdp_user(new_user, "greetwrong", COLOURS[3])
     client, login_sid, login_info, pid = login_screen(sessions, clients)
     after = sessions.svc.cursor
     log_in(client, user, WRONG)
     client.wait_screen(lambda image: image.share(REFUSAL, 40) > 0.0003, what="the refusal on the login screen")
-    assert [e["MESSAGE"] for e in journal(after, idents=("vexa_login_helper",))
-            if e["MESSAGE"].startswith("onSessionReply:")] == [f"onSessionReply: user: `{user}', reply: -4"]
+    assert replies(after) == [f"onSessionReply: user: `{user}', reply: -4"]
     assert client.alive() and list(transports()) == [pid]
     assert sessions.listed() == {(LOGIN_USER, login_sid)}
     assert not processes(pwd.getpwnam(user).pw_uid)
     assert [s[1][0] for s in sessions.signals if s[0] == "signalSessionCreated"] == [login_sid]
-    # the screen still takes a login, and nothing of the password is left in it
-    shows_session(client, login_info, *SIZE)
+
+    # two more (the name stays, the emptied password has the focus) engage the throttle of failed logins, which
+    # then delays the login screen's next attempt like any other caller's
+    for count in (2, 3):
+        client.type(WRONG)
+        client.key("Return")
+        wait_for(lambda: len(replies(after)) == count, timeout=30, what=f"reply {count} of the service")
+    assert [e for e in journal(after) if e["MESSAGE"].startswith(f"authThrottle: engaged, user: {user} (3 failures)")]
+    client.type(PASSWORD)
+    client.key("Return")
+    lands(sessions, client, user, COLOURS[3], pid)
+    assert [e for e in journal(after) if e["MESSAGE"].startswith(f"vexaSessionRequest: throttled, user: {user},")]
 
 
 def test_the_login_screen_ends_after_its_idle_limit(sessions, clients):
