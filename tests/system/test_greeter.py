@@ -162,3 +162,34 @@ def test_a_reconnect_with_the_password_goes_to_the_running_session(sessions, new
     assert sessions.listed() == {(user, sid)}
     assert [s[1][0] for s in sessions.signals if s[0] == "signalSessionCreated"] == [login_sid, sid]
     assert os.path.exists(info["xauthfile"])
+
+
+def bright(image):
+    """The share of pixels that are nearly white in every channel: the card and the on-screen keyboard."""
+    pixels = image.pixels
+    return sum(1 for i in range(0, len(pixels), 3) if min(pixels[i:i + 3]) > 200) / (image.width * image.height)
+
+
+def test_the_login_screen_offers_published_programs_and_a_keyboard_where_asked(daemon, new_user, clients, files):
+    files.write("/etc/vexa/programs.json", [{"name": "E2E Logo", "path": "/usr/bin/xlogo"}])
+    sessions = daemon(**{"login:sessions": True, "login:keyboard": True})
+    user, _ = rdp_user(new_user, "greetprog")
+    client, login_sid, login_info, pid = login_screen(sessions, clients)
+    assert [e for e in journal(sessions.svc.cursor, idents=("vexa_login_helper",))
+            if e["MESSAGE"] == f"main: transport pid: {pid}, display: `:{login_info['display']}', "
+                               "sessions: shown, keyboard: shown"]
+    # the keyboard under the card: about a third of the screen is light, the card alone is a sixth
+    assert bright(client.screen.grab()) > 0.3
+    # keys only: past the domain to the choice, whose last entry (End) is the program file's (the desktop
+    # applications come first), and on to the button
+    client.type(user)
+    client.key("Return")
+    client.type(PASSWORD)
+    client.key("Tab", "Tab", "End", "Tab", "Return")
+    sid = user_session(sessions, user, client)
+    wait_for(lambda: pid in connected(sessions, sid, 0), what=f"transport {pid} moved to session {sid}")
+    info = sessions.info(sid)
+    assert (info["xsession:prog"], info["seamless:mode"]) == ("/usr/bin/xlogo", True)
+    wait_for(lambda: processes(info["uid"], "xlogo"), what="the published program in the session")
+    shows_session(client, info, *SIZE)
+    sessions.signal("signalSessionShutdown", login_sid)
