@@ -27,6 +27,25 @@ unsigned notches(uint16_t flags) {
 
 } // namespace
 
+ScancodeTable scancodeTable(const std::function<uint32_t(uint8_t)>& scancodeOf,
+                            const std::function<bool(uint8_t)>& bound) {
+    ScancodeTable table{};
+    for (unsigned keycode = 8; keycode < 256; ++keycode) {
+        const auto code = static_cast<uint8_t>(keycode);
+        const uint32_t scancode = scancodeOf(code);
+        if (scancode == 0 || scancode >= table.size() || table[scancode] != 0 || !bound(code)) {
+            continue;
+        }
+        table[scancode] = code;
+    }
+    return table;
+}
+
+uint8_t keycodeOf(const ScancodeTable& table, uint32_t scancode, bool extended) {
+    const uint32_t index = (scancode & 0xff) | (extended ? 0x100 : 0);
+    return table[index];
+}
+
 std::vector<PointerAction> pointerActions(uint16_t flags, uint16_t x, uint16_t y) {
     std::vector<PointerAction> out;
     if (flags & (PTR_FLAGS_WHEEL | PTR_FLAGS_HWHEEL)) {

@@ -2,7 +2,9 @@
 
 // RDP pointer and keyboard events as the X events XTEST fakes. Pure, any thread.
 
+#include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -33,6 +35,18 @@ struct KeyAction {
 
 // The key event for RDP keyboard flags (KBD_FLAGS_*) and code; a release flag wins over a down flag.
 KeyAction keyAction(uint16_t flags, uint8_t code);
+
+// RDP scancodes, 0x100 added for the extended ones, to the X keycodes of the session's X server; 0 where none.
+using ScancodeTable = std::array<uint8_t, 512>;
+
+// For each scancode the lowest keycode that `scancodeOf` (FreeRDP's table for the server's keycodes) gives it and
+// that `bound` (the server's keyboard map) gives a keysym at its first level. FreeRDP's own reverse lookup takes the
+// highest keycode of a scancode, and for the left Alt key that is one of the server's virtual modifier keys without
+// a symbol of its own: Alt would do nothing in the session.
+ScancodeTable scancodeTable(const std::function<uint32_t(uint8_t)>& scancodeOf,
+                            const std::function<bool(uint8_t)>& bound);
+// The keycode of a scancode in the table; 0 when it has none.
+uint8_t keycodeOf(const ScancodeTable& table, uint32_t scancode, bool extended);
 
 // The X keysym of a Unicode character: Latin-1 characters are their own keysyms, the others 0x01000000 + code.
 // 0 for control characters, surrogates and values beyond Unicode.

@@ -174,6 +174,7 @@ private:
         inactivityReported = false;
     }
     void keyboard(UINT16 flags, UINT16 code);
+    DWORD xKeycode(uint32_t scancode, bool extended) const;
     void synchronize(UINT32 flags);
     void unicodeKey(UINT16 flags, UINT16 code);
     void mouse(const std::vector<PointerAction>& actions);
@@ -215,6 +216,7 @@ private:
     uint32_t display = 0;
     bool attached = false;
     bool keyboardReady = false;
+    ScancodeTable keycodes{};
     // The login screen is shown: its limits are this transport's to keep, and the service may move the connection
     // to the display of the session its user logged in to.
     bool loginScreen = false;
@@ -519,7 +521,11 @@ bool Connection::attachTo(uint32_t session, uint32_t newDisplay, const std::stri
         // NOLINTNEXTLINE(concurrency-mt-unsafe): as above
         setenv("XAUTHORITY", xauthfile.c_str(), 1);
         const DWORD layout = freerdp_keyboard_init(peer->settings->KeyboardLayout);
-        Syslog::debug("%s: keyboard layout: 0x%08x, client: 0x%08x", "attach", layout, peer->settings->KeyboardLayout);
+        const auto bound = x->boundKeycodes();
+        keycodes = scancodeTable([](uint8_t code) { return freerdp_keyboard_get_rdp_scancode_from_x11_keycode(code); },
+                                 [&bound](uint8_t code) { return bound.test(code); });
+        Syslog::debug("%s: keyboard layout: 0x%08x, client: 0x%08x, left Alt: keycode %u", "attach", layout,
+                      peer->settings->KeyboardLayout, keycodeOf(keycodes, 0x38, false));
         keyboardReady = true;
     }
 
@@ -694,13 +700,20 @@ void Connection::sendFrame() {
     nextFrame = Clock::now() + std::chrono::microseconds(1'000'000 / config.frameRate);
 }
 
+DWORD Connection::xKeycode(uint32_t scancode, bool extended) const {
+    if (const uint8_t code = keycodeOf(keycodes, scancode, extended); code != 0) {
+        return code;
+    }
+    return freerdp_keyboard_get_x11_keycode_from_rdp_scancode(scancode, extended ? TRUE : FALSE);
+}
+
 void Connection::keyboard(UINT16 flags, UINT16 code) {
     if (!x) {
         return;
     }
     noteInput();
     const KeyAction action = keyAction(flags, static_cast<uint8_t>(code));
-    const DWORD keycode = freerdp_keyboard_get_x11_keycode_from_rdp_scancode(action.scancode, action.extended);
+    const DWORD keycode = xKeycode(action.scancode, action.extended);
     if (keycode == 0 || keycode > 255) {
         Syslog::debug("%s: no X key for scancode 0x%02x%s", "keyboard", action.scancode,
                       action.extended ? " (extended)" : "");
@@ -732,7 +745,7 @@ void Connection::synchronize(UINT32 flags) {
         return;
     }
     for (const uint8_t scancode : lockKeysToTap(flags, x->modifierState())) {
-        const DWORD keycode = freerdp_keyboard_get_x11_keycode_from_rdp_scancode(scancode, FALSE);
+        const DWORD keycode = xKeycode(scancode, false);
         if (keycode > 0 && keycode < 256) {
             x->fakeKey(static_cast<uint8_t>(keycode), true);
             x->fakeKey(static_cast<uint8_t>(keycode), false);

@@ -250,6 +250,22 @@ void XDisplay::fakeKey(uint8_t keycode, bool press) {
     xcb_test_fake_input(conn, press ? XCB_KEY_PRESS : XCB_KEY_RELEASE, keycode, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
 }
 
+std::bitset<256> XDisplay::boundKeycodes() {
+    std::bitset<256> bound;
+    const xcb_setup_t* setup = xcb_get_setup(conn);
+    const uint8_t first = setup->min_keycode;
+    const auto count = static_cast<uint8_t>(setup->max_keycode - setup->min_keycode + 1);
+    auto map = own(xcb_get_keyboard_mapping_reply(conn, xcb_get_keyboard_mapping(conn, first, count), nullptr));
+    if (!map || map->keysyms_per_keycode == 0) {
+        return bound;
+    }
+    const xcb_keysym_t* syms = xcb_get_keyboard_mapping_keysyms(map.get());
+    for (unsigned i = 0; i < count; ++i) {
+        bound[first + i] = syms[static_cast<size_t>(i) * map->keysyms_per_keycode] != 0;
+    }
+    return bound;
+}
+
 bool XDisplay::typeKeysym(uint32_t keysym) {
     if (spareKeycode == 0) {
         spareKeycode = 255;

@@ -4,6 +4,7 @@
 // reported by DAMAGE, the cursor image from XFIXES, screen size changes from RandR, and input faked through
 // XTEST. Bound to one thread (the event loop's). The constructor throws std::runtime_error.
 
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -64,6 +65,8 @@ public:
     void fakeMotion(uint16_t x, uint16_t y);
     void fakeButton(uint8_t button, bool press);
     void fakeKey(uint8_t keycode, bool press);
+    // The keycodes the server's keyboard map gives a keysym at their first level.
+    std::bitset<256> boundKeycodes();
     // Types one keysym through a keycode the keyboard map leaves empty, mapped to it for the purpose; false when
     // the map has no empty keycode.
     bool typeKeysym(uint32_t keysym);

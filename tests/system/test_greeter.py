@@ -181,11 +181,11 @@ def test_the_login_screen_offers_published_programs_and_a_keyboard_where_asked(d
     # the keyboard under the card: about a third of the screen is light, the card alone is a sixth
     assert bright(client.screen.grab()) > 0.3
     # keys only: past the domain to the choice, whose last entry (End) is the program file's (the desktop
-    # applications come first), and on to the button
+    # applications come first), then the button's Alt+L (the left Alt key reaches the session as Alt)
     client.type(user)
     client.key("Return")
     client.type(PASSWORD)
-    client.key("Tab", "Tab", "End", "Tab", "Return")
+    client.key("Tab", "Tab", "End", "alt+l")
     sid = user_session(sessions, user, client)
     wait_for(lambda: pid in connected(sessions, sid, 0), what=f"transport {pid} moved to session {sid}")
     info = sessions.info(sid)

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <set>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -450,6 +451,37 @@ TEST(InputMap, UnicodeUnitsBecomeKeysyms) {
     }
     EXPECT_EQ(unicodeKeysym(0x110000), 0u);
     EXPECT_EQ(unicodeKeysym(0xd800), 0u);
+}
+
+TEST(InputMap, ScancodesGoToTheLowestKeycodeWithASymbol) {
+    // An X server's evdev map as FreeRDP's tables read it: the left Alt scancode on Alt_L (64) and on the virtual
+    // modifier keys 204 and 205, which carry no symbol at their first level; right Alt (extended) on 108 and 203.
+    const std::map<uint8_t, uint32_t> scancodes{{38, 0x1e},  {64, 0x38},  {108, 0x138}, {203, 0x138},
+                                                {204, 0x38}, {205, 0x38}, {207, 0x15b}, {250, 0x1e}};
+    const std::set<uint8_t> bound{38, 64, 108, 250};
+    const auto table = scancodeTable(
+        [&](uint8_t code) {
+            const auto found = scancodes.find(code);
+            return found == scancodes.end() ? 0u : found->second;
+        },
+        [&](uint8_t code) { return bound.contains(code); });
+    struct Case {
+        uint32_t scancode;
+        bool extended;
+        uint8_t keycode;
+    };
+    const Case cases[] = {
+        {0x38, false, 64}, // not 205: Alt works
+        {0x38, true, 108}, // not 203
+        {0x1e, false, 38}, // the lowest of two bound keycodes
+        {0x5b, true, 0},   // only an unbound keycode: none (FreeRDP's own lookup is the fallback)
+        {0x5b, false, 0},  // the extended flag is part of the scancode
+        {0x10, false, 0},  // no keycode at all
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.scancode);
+        EXPECT_EQ(keycodeOf(table, c.scancode, c.extended), c.keycode);
+    }
 }
 
 TEST(CursorShape, MasksAreFlippedUnpremultipliedAndPadded) {
