@@ -46,10 +46,10 @@ def greeter_drawn(info):
         return False
 
 
-def login_screen(sessions, clients):
-    """A client without a password that shows the login screen: (client, login session id, its report, the
-    transport's pid)."""
-    client = clients.connect(None, None, size=SIZE)
+def login_screen(sessions, clients, user=None, password=None):
+    """A client (without a password unless given) that shows the login screen: (client, login session id, its
+    report, the transport's pid)."""
+    client = clients.connect(user, password, size=SIZE)
 
     def started():
         assert client.alive(), f"xfreerdp exited {client.proc.returncode}: {client.output()[-3000:]}"
@@ -170,11 +170,13 @@ def bright(image):
     return sum(1 for i in range(0, len(pixels), 3) if min(pixels[i:i + 3]) > 200) / (image.width * image.height)
 
 
-def test_the_login_screen_offers_published_programs_and_a_keyboard_where_asked(daemon, new_user, clients, files):
+def test_the_login_screen_for_every_client_with_published_programs_and_a_keyboard(daemon, new_user, clients, files):
     files.write("/etc/vexa/programs.json", [{"name": "E2E Logo", "path": "/usr/bin/xlogo"}])
-    sessions = daemon(**{"login:sessions": True, "login:keyboard": True})
+    sessions = daemon(**{"login:sessions": True, "login:keyboard": True, "login:helper": True})
     user, _ = rdp_user(new_user, "greetprog")
-    client, login_sid, login_info, pid = login_screen(sessions, clients)
+    # with "login:helper" every client logs in on the login screen, also one that sent a password
+    client, login_sid, login_info, pid = login_screen(sessions, clients, user, PASSWORD)
+    assert sessions.listed() == {(LOGIN_USER, login_sid)}
     assert [e for e in journal(sessions.svc.cursor, idents=("vexa_login_helper",))
             if e["MESSAGE"] == f"main: transport pid: {pid}, display: `:{login_info['display']}', "
                                "sessions: shown, keyboard: shown"]
