@@ -549,6 +549,8 @@ void Connection::switchDisplay(const DisplaySwitch& to) {
         return;
     }
     const JsonConfigString info(bus->sessionInfoJson(*session));
+    // A session that ran before the login screen was shown is knocked on like a reconnect (the report's start time
+    // is in whole seconds).
     const auto started =
         std::chrono::system_clock::time_point(std::chrono::seconds(info.getValue("started:timepoint").asInt64()));
     const uint32_t loginDisplay = display;
@@ -562,7 +564,7 @@ void Connection::switchDisplay(const DisplaySwitch& to) {
     loginScreen = false;
     rdpSettings* settings = peer->settings;
     if (!attachTo(*session, static_cast<uint32_t>(to.display), to.xauthfile, settings->DesktopWidth,
-                  settings->DesktopHeight, started < loginShown)) {
+                  settings->DesktopHeight, started + 1s < loginShown)) {
         return;
     }
     bus->transportDisplayShutdown(loginDisplay);
