@@ -521,6 +521,7 @@ void build(Greeter& g, bool showSessions, bool showKeyboard) {
 
 // The transport's end ends the screen: nobody can see it any more.
 bool watchTransport(Greeter& g) {
+    // A pidfd is close-on-exec from the start, and names this process even after its pid is reused.
     const long fd = syscall(SYS_pidfd_open, g.options.transport, 0);
     if (fd < 0) {
         const int err = errno;
