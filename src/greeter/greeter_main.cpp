@@ -519,6 +519,54 @@ void build(Greeter& g, bool showSessions, bool showKeyboard) {
     gtk_window_present(GTK_WINDOW(g.window));
 }
 
+// The report of the session whose display this screen is on; empty when there is none.
+std::string ownReport(Greeter& g) {
+    const auto display = displayNumber(g_getenv("DISPLAY") ? g_getenv("DISPLAY") : "");
+    GVariant* reply = display ? callNow(g, busMethod("vexaSessions"), nullptr) : nullptr;
+    if (!reply) {
+        return {};
+    }
+    std::string found;
+    GVariantIter* iter = nullptr;
+    const gchar* user = nullptr;
+    guint32 id = 0;
+    g_variant_get(reply, "(a(su))", &iter);
+    while (found.empty() && g_variant_iter_loop(iter, "(&su)", &user, &id)) {
+        const auto& method = busMethod("vexaSessionInfoJson");
+        GVariant* info = callNow(g, method, arguments(method, id));
+        const gchar* text = nullptr;
+        if (info) {
+            g_variant_get(info, "(&s)", &text);
+            const auto shown = sessionDisplay(text);
+            if (shown && shown->display == *display) {
+                found = text;
+            }
+            g_variant_unref(info);
+        }
+    }
+    g_variant_iter_free(iter);
+    g_variant_unref(reply);
+    return found;
+}
+
+// The login session's own limits, kept here too: a screen whose transport never came, or never ends, does not stay.
+void limitLifetime(Greeter& g) {
+    const uint32_t seconds = screenLifetime(ownReport(g));
+    if (seconds == 0) {
+        Syslog::warning("%s: no limits of the login session found", "limitLifetime");
+        return;
+    }
+    Syslog::info("%s: the login screen ends after %u s at most", "limitLifetime", seconds);
+    g_timeout_add_seconds(
+        seconds,
+        +[](gpointer data) -> gboolean {
+            Syslog::notice("%s: the login screen's time is up", "limitLifetime");
+            finish(*static_cast<Greeter*>(data), EXIT_SUCCESS);
+            return G_SOURCE_REMOVE;
+        },
+        &g);
+}
+
 // The transport's end ends the screen: nobody can see it any more.
 bool watchTransport(Greeter& g) {
     // A pidfd is close-on-exec from the start, and names this process even after its pid is reused.
@@ -572,6 +620,7 @@ int main(int argc, char** argv) {
     if (!watchTransport(g)) {
         return 1;
     }
+    limitLifetime(g);
     const bool showSessions = policy(g, "vexaLoginHelperPolicyShowSessions");
     const bool showKeyboard = policy(g, "vexaLoginHelperPolicyShowKeyboard");
     Syslog::info("%s: transport pid: %d, display: `%s', sessions: %s, keyboard: %s", "main", g.options.transport,

@@ -109,6 +109,35 @@ std::optional<SessionDisplay> sessionDisplay(std::string_view report) {
     return shown;
 }
 
+uint32_t screenLifetime(std::string_view report) {
+    const JsonConfigString json(report);
+    if (!json.isValid()) {
+        return 0;
+    }
+    uint32_t seconds = 0;
+    for (const auto* key : {"duration:limit", "disconnect:limit"}) {
+        if (const Json::Value value = json.getValue(key); value.isUInt()) {
+            seconds += std::min<uint32_t>(value.asUInt(), 86400);
+        }
+    }
+    return seconds;
+}
+
+std::optional<int32_t> displayNumber(std::string_view name) {
+    const auto colon = name.rfind(':');
+    if (colon == std::string_view::npos) {
+        return std::nullopt;
+    }
+    std::string_view digits = name.substr(colon + 1);
+    digits = digits.substr(0, digits.find('.'));
+    int32_t number = -1;
+    const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    if (ec != std::errc() || end != digits.data() + digits.size() || number < 0) {
+        return std::nullopt;
+    }
+    return number;
+}
+
 const std::vector<BusMethod>& busMethods() {
     static const std::vector<BusMethod> table{
         {"vexaLoginHelperPolicyShowSessions", "", "b"},
@@ -116,6 +145,7 @@ const std::vector<BusMethod>& busMethods() {
         {"vexaProgramList", "", "as"},
         {"vexaSessionRequest", "s", "i"},
         {"vexaSessionInfoJson", "u", "s"},
+        {"vexaSessions", "", "a(su)"},
         {"vexaLoginHelperAllowConnectForTransportTo", "iis", ""},
     };
     return table;

@@ -52,6 +52,13 @@ struct SessionDisplay {
 // neither.
 std::optional<SessionDisplay> sessionDisplay(std::string_view report);
 
+// How long the login screen stays at most, from its own session's report: the login session's whole time and its
+// time without a transport; 0 (no limit of its own) when the report gives neither.
+uint32_t screenLifetime(std::string_view report);
+
+// The display number of an X display name (":101", ":101.0", "unix:7"); nullopt for anything else.
+std::optional<int32_t> displayNumber(std::string_view name);
+
 // One bus method as this program calls it: name and D-Bus signatures (the unit tests hold them against the
 // interface description).
 struct BusMethod {

@@ -128,6 +128,33 @@ TEST(GreeterSession, TheDisplayComesFromTheSessionReport) {
     }
 }
 
+TEST(GreeterSession, TheScreenKeepsTheLimitsOfItsSessionOnItsDisplay) {
+    struct Case {
+        std::string report;
+        uint32_t seconds;
+    };
+    const Case cases[] = {
+        {R"({"display": 101, "duration:limit": 300, "disconnect:limit": 30, "inactivity:limit": 60})", 330},
+        {R"({"duration:limit": 300})", 300},
+        {R"({"duration:limit": 0, "disconnect:limit": 0})", 0},
+        {R"({"duration:limit": -5, "disconnect:limit": "30"})", 0},
+        {R"({"duration:limit": 4000000000})", 86400},
+        {"not json", 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.report);
+        EXPECT_EQ(screenLifetime(c.report), c.seconds);
+    }
+    const std::pair<std::string_view, std::optional<int32_t>> names[] = {
+        {":101", 101},         {":101.0", 101},     {"unix:7", 7},         {"localhost:12.1", 12}, {"", std::nullopt},
+        {"101", std::nullopt}, {":", std::nullopt}, {":x1", std::nullopt}, {":-3", std::nullopt},
+    };
+    for (const auto& [name, number] : names) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(displayNumber(name), number);
+    }
+}
+
 TEST(GreeterBusCalls, SignaturesMatchTheInterfaceDescription) {
     const auto described = TestSupport::interfaceSignatures();
     for (const auto& m : busMethods()) {
