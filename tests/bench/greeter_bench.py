@@ -21,8 +21,11 @@ import subprocess
 import sys
 import time
 
-sys.path.insert(0, str(pathlib.Path(os.environ.get("E2E_SRC_DIR", pathlib.Path(__file__).resolve().parents[2]))
-                       / "tests" / "system"))
+# The client harness of the system tests, wherever this file sits in the source tree.
+HERE = pathlib.Path(__file__).resolve()
+TOP = pathlib.Path(os.environ.get("E2E_SRC_DIR") or next(p for p in HERE.parents
+                                                          if (p / "tests/system/rdp_client.py").exists()))
+sys.path.insert(0, str(TOP / "tests" / "system"))
 import rdp_client  # noqa: E402
 
 import dbus  # noqa: E402
