@@ -37,18 +37,6 @@ Json::Value request(const std::string& enc, const char* serverId = uuid) {
 
 } // namespace
 
-TEST(Hexstr2bytes, TakesPairsOfDigitsAndWarnsAboutAnythingElse) {
-    const std::pair<std::string, std::vector<uint8_t>> cases[] = {
-        {"00ff7A", {0x00, 0xff, 0x7a}}, {"abc", {0xab, 0x0c}}, {"12zz", {}}, {"0x12", {}}, {"+1", {}},
-    };
-    for (const auto& [text, expected] : cases) {
-        std::vector<uint8_t> result{1};
-        const auto log = logged([&] { result = hexstr2bytes(text); });
-        EXPECT_EQ(result, expected) << text;
-        EXPECT_EQ(contains(log, "hexstr2bytes: failed, strhex: `" + text + "'"), expected.empty()) << log;
-    }
-}
-
 TEST(Blowfish, DecryptionsMatchPublishedEcbVectors) {
     // Eric Young's vectors (key, ciphertext, plaintext), the plaintext's printable prefix, the plaintext unpadded.
     const std::tuple<const char*, const char*, const char*, const char*, const char*> cases[] = {
