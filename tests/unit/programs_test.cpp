@@ -25,9 +25,8 @@ TEST(DesktopFile, OnlyTheDesktopEntrySectionCountsAndTheTypeIsExactlyApplication
          {"Ed", "", "/usr/bin/ed -p x", true, true, true}},
         // the freedesktop standard's spelling is not taken; values are exact
         {"[Desktop Entry]\nType=Application\nTerminal=True\nHidden=1\n", {}},
-        // lines before the header do not count; the header must be exactly "[Desktop Entry]"
+        // lines before the header do not count
         {"Name=Before\nType=application\n[Desktop Entry]\nExec=ed\n", {"", "", "ed", false, false, false}},
-        {"[Desktop Entry] \nName=A\n", {}},
         // any other line beginning with '[' closes the section
         {"[Desktop Entry]\nName=A\n[Desktop Action new]\nName=B\nType=application\n",
          {"A", "", "", false, false, false}},

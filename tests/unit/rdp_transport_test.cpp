@@ -86,45 +86,6 @@ TEST(RdpConfig, KeysOverrideDefaultsAndWrongTypesAreRefused) {
     EXPECT_NE(error.find("invalid JSON"), std::string::npos) << error;
 }
 
-TEST(RdpOptions, CommandLineTakesDescriptorConfigAndLevel) {
-    struct Case {
-        std::vector<std::string_view> args;
-        bool valid;
-        std::optional<int> fd;
-        std::string config = defaultConfigPath;
-        std::optional<std::string> level;
-        bool help = false;
-    };
-    const Case cases[] = {
-        {.args = {}, .valid = true},
-        {.args = {"--fd", "0"}, .valid = true, .fd = 0},
-        {.args = {"--config", "/tmp/x.json", "--log", "debug"},
-         .valid = true,
-         .config = "/tmp/x.json",
-         .level = "debug"},
-        {.args = {"--help"}, .valid = true, .help = true},
-        {.args = {"--fd"}, .valid = false},
-        {.args = {"--fd", "-1"}, .valid = false},
-        {.args = {"--fd", "3x"}, .valid = false},
-        {.args = {"--config", ""}, .valid = false},
-        {.args = {"--port", "3389"}, .valid = false},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.args.empty() ? "" : std::string(c.args[0]) + " " + std::to_string(c.args.size()));
-        std::string error;
-        const auto options = parseOptions(c.args, &error);
-        ASSERT_EQ(options.has_value(), c.valid) << error;
-        if (!c.valid) {
-            EXPECT_FALSE(error.empty());
-            continue;
-        }
-        EXPECT_EQ(options->fd, c.fd);
-        EXPECT_EQ(options->configPath, c.config);
-        EXPECT_EQ(options->logLevel, c.level);
-        EXPECT_EQ(options->help, c.help);
-    }
-}
-
 TEST(RdpLogon, TheDaemonReadsTheRequestAsTheClientLoggedOn) {
     struct Case {
         LogonInfo logon;
@@ -531,17 +492,21 @@ struct DecodingPeer {
             for (UINT32 i = 0; i < bitmap->number; ++i) {
                 const BITMAP_DATA& b = bitmap->rectangles[i];
                 bytes += b.bitmapLength;
-                // Planar for compressed 32 bpp, a flipped copy for uncompressed data.
+                // Planar for compressed 32 bpp, packed rows for uncompressed data.
                 const UINT32 format = b.bitsPerPixel == 24   ? PIXEL_FORMAT_BGR24
                                       : b.bitsPerPixel == 16 ? PIXEL_FORMAT_RGB16
                                                              : PIXEL_FORMAT_RGB15;
-                const bool ok = b.compressed ? b.bitsPerPixel == 32 &&
-                                                   planar_decompress(self->planar, b.bitmapDataStream, b.bitmapLength,
-                                                                     b.width, b.height, self->canvas.data(),
-                                                                     PIXEL_FORMAT_BGRX32, self->width * 4, b.destLeft,
-                                                                     b.destTop, b.width, b.height, TRUE)
-                                             : b.bitmapLength == b.width * b.height * GetBytesPerPixel(format) &&
-                                                   self->copyFlipped(b, format);
+                const bool ok =
+                    b.compressed
+                        ? b.bitsPerPixel == 32 &&
+                              planar_decompress(self->planar, b.bitmapDataStream, b.bitmapLength, b.width, b.height,
+                                                self->canvas.data(), PIXEL_FORMAT_BGRX32, self->width * 4, b.destLeft,
+                                                b.destTop, b.width, b.height, TRUE)
+                        : b.bitmapLength == b.width * b.height * GetBytesPerPixel(format) &&
+                              freerdp_image_copy(self->canvas.data(), PIXEL_FORMAT_BGRX32, self->width * 4, b.destLeft,
+                                                 b.destTop, b.width, b.height, b.bitmapDataStream, format,
+                                                 b.width * GetBytesPerPixel(format), 0, 0, nullptr,
+                                                 FREERDP_FLIP_VERTICAL); // rows bottom up
                 self->failed |=
                     !ok || b.destRight != b.destLeft + b.width - 1 || b.destBottom != b.destTop + b.height - 1;
             }
@@ -563,18 +528,6 @@ struct DecodingPeer {
             ++(marker->frameAction == SURFACECMD_FRAMEACTION_BEGIN ? of(ctx)->begins : of(ctx)->ends);
             return TRUE;
         };
-    }
-    // Uncompressed data: rows bottom up, packed.
-    bool copyFlipped(const BITMAP_DATA& b, UINT32 format) {
-        const UINT32 step = b.width * GetBytesPerPixel(format);
-        for (UINT32 row = 0; row < b.height; ++row) {
-            if (!freerdp_image_copy(canvas.data(), PIXEL_FORMAT_BGRX32, width * 4, b.destLeft, b.destTop + row, b.width,
-                                    1, b.bitmapDataStream + (b.height - 1 - row) * step, format, step, 0, 0, nullptr,
-                                    FREERDP_FLIP_NONE)) {
-                return false;
-            }
-        }
-        return true;
     }
     ~DecodingPeer() {
         rfx_context_free(rfx);

@@ -82,8 +82,6 @@ TEST(XserverWrapper, OnlyAllowedUsersAnybodyOnTheFirstMatchingLineKeepsTheWrappe
     const std::pair<std::string, bool> cases[] = {
         {"#\nallowed_users=anybody", false},
         {"allowed_users=console", true},
-        {"allowed_users=anybody ", true},
-        {" allowed_users=anybody", true},
         {"allowed_users=console\nallowed_users=anybody", true},
     };
     for (const auto& [content, expected] : cases) {
