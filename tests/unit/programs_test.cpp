@@ -80,12 +80,6 @@ TEST_F(ProgramListReload, DesktopApplicationsAreFollowedByTheProgramsWhoseBinary
     const auto missing = dir / "applications/50-missing.desktop";
     EXPECT_TRUE(contains(text, "exec not found: `vexa-no-such-program', skipped app: `" + missing.string())) << text;
     EXPECT_TRUE(contains(text, "ProgramListReload: binary not found: /nonexistent/vexa/gone for name: Gone")) << text;
-
-    // A programs file holding an object adds nothing.
-    const auto object = write("object.json", R"({"name": "Sh", "path": "/bin/sh"})");
-    const auto objectLog = logged([&] { reload(object); });
-    EXPECT_EQ(list.getNames(), (std::vector<std::string>{"Оболочка", "Env", "Top"}));
-    EXPECT_TRUE(contains(objectLog, "ProgramListReload: not json array: " + object.string())) << objectLog;
 }
 
 TEST_F(ProgramListReload, ReadersSeeOnlyWholeListsWhileAnotherThreadReloads) {

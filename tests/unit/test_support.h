@@ -46,8 +46,8 @@ inline std::shared_ptr<Vexa::UserEx> makeUser() {
 }
 
 // A session of makeUser: every field differs from its default, so that a key written from the wrong field shows.
-inline std::unique_ptr<Vexa::Session> makeSession(std::shared_ptr<Vexa::UserEx> user) {
-    auto s = std::make_unique<Vexa::Session>(7, std::move(user), Vexa::ServiceDefaults{});
+inline std::unique_ptr<Vexa::Session> makeSession(std::shared_ptr<Vexa::UserEx> user, uint32_t sid = 7) {
+    auto s = std::make_unique<Vexa::Session>(sid, std::move(user), Vexa::ServiceDefaults{});
     s->display = 12;
     s->xauthfile = "/run/vexa/xauth12";
     s->gusId = "g-1";
