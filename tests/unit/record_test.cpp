@@ -152,7 +152,7 @@ TEST(SessionRecord, OnlyARestartJobOfTheUnitKeepsTheSessions) {
     }
 }
 
-TEST(RecordStore, SavesRacingWithChangesNeverLeaveAnOlderRecordOnDisk) {
+TEST(RecordStore, OnlySessionsLogindKnowsAreRecordedPrivatelyAndRacingSavesLeaveTheLastChange) {
     const TestSupport::TempDir dir;
     SessionRegistry registry;
     RecordStore store(registry);
