@@ -3,6 +3,7 @@
 // and its bus calls held against the interface description.
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -13,6 +14,7 @@
 #include <freerdp/input.h>
 #include <freerdp/settings.h>
 
+#include "common/events.h"
 #include "common/json_config.h"
 #include "rdp/bus_client.h"
 #include "rdp/clipboard_text.h"
@@ -23,6 +25,7 @@
 #include "rdp/input_map.h"
 #include "rdp/logon.h"
 #include "rdp/monitor_layout.h"
+#include "rdp/transport.h"
 #include "start/session_request.h"
 #include "test_support.h"
 
@@ -319,6 +322,38 @@ std::vector<uint8_t> utf16(std::u16string_view text) {
 } // namespace
 
 // What the client sends is untrusted: odd lengths, broken surrogates, no terminator, more than the limit.
+// The socket listens on IPv6 for both families: an IPv4 client must still be reported as a.b.c.d.
+TEST(PeerAddress, MappedIpv4IsPlainIpv6StaysIpv6) {
+    struct Case {
+        const char* connectTo;
+        const char* expected;
+    };
+    for (const Case& c : {Case{"127.0.0.1", "127.0.0.1"}, Case{"::1", "::1"}}) {
+        Utils::UniqueFd listener{socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+        ASSERT_GE(listener.get(), 0);
+        const int off = 0;
+        ASSERT_EQ(setsockopt(listener.get(), IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof(off)), 0);
+        sockaddr_in6 any{.sin6_family = AF_INET6, .sin6_addr = in6addr_any};
+        ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&any), sizeof(any)), 0);
+        ASSERT_EQ(listen(listener.get(), 1), 0);
+        socklen_t len = sizeof(any);
+        ASSERT_EQ(getsockname(listener.get(), reinterpret_cast<sockaddr*>(&any), &len), 0);
+
+        const bool v4 = strchr(c.connectTo, ':') == nullptr;
+        Utils::UniqueFd client{socket(v4 ? AF_INET : AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+        sockaddr_in to4{.sin_family = AF_INET, .sin_port = any.sin6_port};
+        sockaddr_in6 to6{.sin6_family = AF_INET6, .sin6_port = any.sin6_port};
+        ASSERT_EQ(
+            v4 ? inet_pton(AF_INET, c.connectTo, &to4.sin_addr) : inet_pton(AF_INET6, c.connectTo, &to6.sin6_addr), 1);
+        ASSERT_EQ(v4 ? connect(client.get(), reinterpret_cast<sockaddr*>(&to4), sizeof(to4))
+                     : connect(client.get(), reinterpret_cast<sockaddr*>(&to6), sizeof(to6)),
+                  0);
+        Utils::UniqueFd accepted{accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)};
+        EXPECT_EQ(peerAddress(accepted.get()), c.expected) << c.connectTo;
+    }
+    EXPECT_EQ(peerAddress(-1), "unknown");
+}
+
 TEST(ClipboardText, ClientTextBecomesUtf8WithinTheLimit) {
     struct Case {
         const char* name;
