@@ -10,6 +10,7 @@ import pytest
 
 import journal_secrets
 from conftest import PASSWORD, PROGRAM, as_user, cursor, journal, run, wait_line
+from test_bus_interface import zero_calls
 
 PY = "/usr/bin/python3"
 # Run as a test user: makes the calls of a JSON list [[at seconds, method, signature, args], ...] from one
@@ -20,11 +21,6 @@ import json, sys, time, dbus, dbus.lowlevel, dbus.mainloop.glib
 from gi.repository import GLib
 bus = dbus.SystemBus(mainloop=dbus.mainloop.glib.DBusGMainLoop())
 calls, out, loop, begin = json.loads(sys.argv[1]), {}, GLib.MainLoop(), time.monotonic()
-def plain(v):
-    if isinstance(v, (list, tuple, dbus.Struct, dbus.Array)): return [plain(x) for x in v]
-    if isinstance(v, dbus.Boolean): return bool(v)
-    if isinstance(v, (int, float)): return int(v) if isinstance(v, int) else float(v)
-    return str(v)
 def done(i, outcome):
     out[i] = outcome
     if len(out) == len(calls): loop.quit()
@@ -34,7 +30,7 @@ def send(i):
     if sig: msg.append(*args, signature=sig)
     def reply(m):
         if isinstance(m, dbus.lowlevel.ErrorMessage): done(i, {"error": m.get_error_name()})
-        else: done(i, {"ok": plain(m.get_args_list())})
+        else: done(i, {"ok": m.get_args_list()})  # the D-Bus types are those of JSON
     bus.send_message_with_reply(msg, reply, 60)
     return False
 for i, call in enumerate(calls):
@@ -115,13 +111,7 @@ def test_each_role_may_call_the_groups_of_its_role_and_the_bus_refuses_the_rest(
 def test_the_daemon_refuses_every_method_to_a_caller_without_a_role(running, open_bus):
     """With a bus policy that lets the caller through, the daemon's own check answers each method's failure
     value and logs the caller; busServiceShutdown among them, so the service must still run afterwards."""
-    declared = __import__("test_bus_interface").DECLARED
-    calls = []
-    for (kind, name), args in sorted(declared.items()):
-        if kind == "method":
-            ins = [t for _, t, d in args if d == "in"]
-            zeros = [{"s": "", "b": False}.get(t, [] if t[0] == "a" else 0) for t in ins]
-            calls.append([0, name, "".join(ins), zeros])
+    calls = [[0, *call] for call in zero_calls()]
     after = cursor()
     outcomes = calls_as(open_bus, calls)
     assert all("ok" in outcome for outcome in outcomes), [c[1] for c, o in zip(calls, outcomes) if "ok" not in o]
