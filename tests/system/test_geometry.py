@@ -54,8 +54,9 @@ def test_the_screen_follows_the_clients_size_from_start_to_reuse(xorg_session):
     sessions, sid, info, request = xorg_session
     # Xorg's dummy screen starts at 1024x768; the session's programs start at the client's size
     assert screen(info) == (1600, 900)
-    # and only a client with the cookie of the session's authority file gets in
-    bare = run(as_user("nobody", "xdpyinfo", "-display", f":{info['display']}"), check=False,
+    # and only a client with the cookie of the session's authority file gets in, not even one of the user
+    (user, _), = sessions.listed()
+    bare = run(as_user(user, "xdpyinfo", "-display", f":{info['display']}"), check=False,
                env={**os.environ, "XAUTHORITY": "/dev/null"})
     assert bare.returncode != 0 and "unable to open display" in bare.stderr, bare.stderr
     assert request(1366, 768) == sid  # handed out again, at the new size (a width cvt would round to 1368)
