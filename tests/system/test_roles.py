@@ -1,5 +1,5 @@
 """Who may call what: the bus policy and the daemon's own check per role, polkit for administrators, NT hashes
-kept from monitors and administrators, the login-helper account, root's logins and the request rate limits."""
+kept from monitors and administrators, the request rate limits (the login helper's account: test_session.py)."""
 
 import json
 import pathlib
@@ -9,7 +9,7 @@ import re
 import pytest
 
 import journal_secrets
-from conftest import PASSWORD, PROGRAM, as_user, cursor, journal, run, wait_line
+from conftest import LEVEL, PASSWORD, PROGRAM, as_user, cursor, journal, run
 from test_bus_interface import zero_calls
 
 PY = "/usr/bin/python3"
@@ -58,7 +58,7 @@ ROWS = [
     ("vexaSessionPolicyConnect", "iu", [0x7FFF, 2], {"admin"}),
     ("vexaSessionLimitTasksMax", "iu", [0x7FFF, 0], {"admin"}),
     ("vexaSendNotify", "ussy", [0xFFFF, "", "", 0], {"admin"}),
-    ("busSetDebugLevel", "s", ["debug"], {"admin"}),
+    ("busSetDebugLevel", "s", [LEVEL], {"admin"}),
     ("busServiceShutdown", "", [], set()),
 ]
 
@@ -97,15 +97,19 @@ def polkit_rule():
     path.unlink(missing_ok=True)
 
 
-def test_each_role_may_call_the_groups_of_its_role_and_the_bus_refuses_the_rest(running, make_user):
-    users = role_users(make_user)
-    for role, user in users.items():
-        outcomes = calls_as(user, [[0, method, sig, args] for method, sig, args, _ in ROWS])
+def test_each_role_may_call_the_groups_of_its_role_and_only_transports_see_the_nt_hash(sessions, new_user,
+                                                                                      make_user):
+    user, _ = new_user("e2e-role-ntlm")
+    sid = sessions.request(username=user, password=PASSWORD, **PROGRAM)
+    assert sessions.info(sid)["ntlm"]  # root sees it
+    reports = [[0, "vexaSessionInfoJson", "u", [sid]], [0, "vexaUserInfoJson", "s", [user]]]
+    for role, caller in role_users(make_user).items():
+        *outcomes, info, listing = calls_as(caller, [[0, method, sig, args] for method, sig, args, _ in ROWS] + reports)
         for (method, _, _, allowed), outcome in zip(ROWS, outcomes):
-            assert ("ok" in outcome) == (role in allowed), (role, method, outcome)
-            if role not in allowed:
-                assert outcome == {"error": DENIED}, (role, method)
-    assert running.value("vexaStatus")  # nobody but root may stop the service
+            assert "ok" in outcome if role in allowed else outcome == {"error": DENIED}, (role, method, outcome)
+        reports_seen = [json.loads(info["ok"][0]), *json.loads(listing["ok"][0])]
+        assert [bool(r["ntlm"]) for r in reports_seen] == [role == "transport"] * 2, role
+    assert sessions.svc.value("vexaStatus")  # nobody but root may stop the service
 
 
 def test_the_daemon_refuses_every_method_to_a_caller_without_a_role(running, open_bus):
@@ -138,28 +142,6 @@ def test_polkit_grants_administrators_their_actions_and_a_local_rule_takes_one_a
     denied = f"vexaSessionPolicyConnect: access denied by polkit, action: ru.kelvo.vexa.set-policy, caller uid: {uid}"
     assert sum(line.startswith(denied) for line in lines) == 2, lines
     assert not [line for line in lines if "vexaSessionsLimit: access denied" in line]
-
-
-def test_ntlm_hash_is_reported_to_root_and_transports_only(sessions, new_user, make_user):
-    users = role_users(make_user)
-    user, _ = new_user("e2e-role-ntlm")
-    sid = sessions.request(username=user, password=PASSWORD, **PROGRAM)
-    assert sid > 0
-    assert sessions.info(sid)["ntlm"]
-    for role, caller in users.items():
-        info, listing = calls_as(caller, [[0, "vexaSessionInfoJson", "u", [sid]],
-                                          [0, "vexaUserInfoJson", "s", [user]]])
-        reports = [json.loads(info["ok"][0]), *json.loads(listing["ok"][0])]
-        assert [bool(r["ntlm"]) for r in reports] == [role == "transport"] * 2, role
-
-
-@pytest.mark.parametrize("name", ["root", "e2e-role-plain"])
-def test_login_helper_runs_only_as_its_own_account(running, make_user, name):
-    if name != "root":
-        make_user(name)
-    after = cursor()
-    assert list(running.call("vexaLoginHelperStart", "si", name, 4242).get_args_list()[0]) == [-1, ""]
-    wait_line(after, f"startSession: login helper refused, user: {name}, only for: vexa-login")
 
 
 def test_request_rate_limits_engage_and_release(daemon, make_user, new_user):

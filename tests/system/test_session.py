@@ -154,6 +154,10 @@ def test_login_helper_session(daemon, new_user, files):
     helper.chmod(0o755)
     keeper = daemon(**{"helper:login": str(helper), "login:helper:user": user})  # the login helper's account
     service = keeper.svc
+    # only the login helper's own account, not root nor another user
+    for name in ("root", new_user("e2e-sess-plain")[0]):
+        assert list(service.call("vexaLoginHelperStart", "si", name, 4242).get_args_list()[0]) == [-1, ""]
+        wait_line(service.cursor, f"startSession: login helper refused, user: {name}, only for: {user}")
     # the login screen needs no password: the helper's own session, with the fixed limits of a login session
     (display, xauthfile), = service.call("vexaLoginHelperStart", "si", user, 4321).get_args_list()
     sid, = [s for u, s in keeper.listed() if u == user]
