@@ -9,7 +9,7 @@ import re
 import pytest
 
 import journal_secrets
-from conftest import LEVEL, PASSWORD, PROGRAM, as_user, cursor, journal, run
+from conftest import LEVEL, PASSWORD, PROGRAM, WRONG, as_user, cursor, journal, run
 from test_bus_interface import zero_calls
 
 PY = "/usr/bin/python3"
@@ -169,11 +169,13 @@ def test_no_secret_reaches_the_journal_at_trace_level(daemon, new_user):
     sid = keeper.request(username=user, password=PASSWORD, **PROGRAM)
     assert sid > 0
     info = keeper.info(sid)
-    ledger = journal_secrets.Ledger()
+    ledger = journal_secrets.Ledger(WRONG)
     ledger.account(user, PASSWORD)
     ledger.cookies.update(journal_secrets.xauth_cookies(pathlib.Path(info["xauthfile"]).read_bytes()))
-    keeper.svc.call("vexaCheckAuthUser", "sss", user, PASSWORD, "")
-    keeper.svc.call("vexaTestConnect", "sss", user, "", PASSWORD)
+    # the password checks (the PAM service named, or the configured one) see it too, and a wrong one
+    assert keeper.svc.value("vexaCheckAuthUser", "sss", user, PASSWORD, "")
+    assert keeper.svc.value("vexaTestConnect", "sss", user, "", PASSWORD)
+    assert not keeper.svc.value("vexaTestConnect", "sss", user, "", WRONG)
     keeper.svc.call("vexaSessionShutdown", "u", sid)
     secrets = ledger.secrets()
     texts = {text for _, text in secrets}
