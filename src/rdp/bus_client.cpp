@@ -79,6 +79,7 @@ const std::vector<BusMethod>& busMethods() {
         {"vexaSessionRequest", "s", "i"},
         {"vexaSessionInfoJson", "u", "s"},
         {"vexaConnectRdpTransport", "uu", "b"},
+        {"proxyListenStarted", "ub", ""},
         {"proxyClientConnected", "us", ""},
         {"proxySessionConnected", "uus", ""},
         {"vexaDisplayResize", "uqq", "b"},
@@ -126,6 +127,10 @@ bool BusClient::connectRdpTransport(uint32_t session, uint32_t timeout) {
     return readOne<int>(call(bus, "vexaConnectRdpTransport", quickTimeoutUsec, "uu", session, timeout),
                         "vexaConnectRdpTransport", "b")
                .value_or(0) != 0;
+}
+
+void BusClient::proxyListenStarted(uint32_t session, bool listening) {
+    Message reply{call(bus, "proxyListenStarted", quickTimeoutUsec, "ub", session, static_cast<int>(listening))};
 }
 
 void BusClient::proxyClientConnected(uint32_t session, const std::string& address) {

@@ -46,6 +46,7 @@ public:
     int32_t sessionRequest(const std::string& params, uint32_t timeoutSec);
     std::string sessionInfoJson(uint32_t session);
     bool connectRdpTransport(uint32_t session, uint32_t timeout);
+    void proxyListenStarted(uint32_t session, bool listening);
     void proxyClientConnected(uint32_t session, const std::string& address);
     void proxySessionConnected(uint32_t session, uint32_t pid, const std::string& address);
     bool displayResize(uint32_t display, uint16_t width, uint16_t height, uint32_t timeoutSec);

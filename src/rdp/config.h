@@ -28,11 +28,11 @@ struct RdpConfig {
     uint32_t frameRate = 30;
     // Seconds the D-Bus calls that start a session may take.
     uint32_t startTimeout = 120;
+    // The log level by its name: "none" (notices and worse), "info", "debug", "trace".
+    std::string logLevel = "info";
     // The account of the login screen's sessions: clients that send no password log in there (the service's
     // "login:helper:user").
     std::string loginUser = "vexa-login";
-    // The log level by its name: "none" (notices and worse), "info", "debug", "trace".
-    std::string logLevel = "info";
 };
 
 // The configuration from a parsed JSON object; absent keys keep their defaults. Nullopt, with the reason in

@@ -69,23 +69,6 @@ Connection* ownerOf(rdpContext* context) {
     return reinterpret_cast<PeerContext*>(context)->owner;
 }
 
-std::string peerAddress(int fd) {
-    sockaddr_storage addr{};
-    socklen_t len = sizeof(addr);
-    if (getpeername(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-        return "unknown";
-    }
-    char text[INET6_ADDRSTRLEN] = {};
-    if (addr.ss_family == AF_INET) {
-        inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(&addr)->sin_addr, text, sizeof(text));
-    } else if (addr.ss_family == AF_INET6) {
-        inet_ntop(AF_INET6, &reinterpret_cast<sockaddr_in6*>(&addr)->sin6_addr, text, sizeof(text));
-    } else {
-        return "local";
-    }
-    return text;
-}
-
 void wipe(std::string& text) {
     explicit_bzero(text.data(), text.size());
     text.clear();
@@ -474,6 +457,9 @@ bool Connection::attachTo(uint32_t session, uint32_t newDisplay, const std::stri
                  knock ? "running session" : "new session");
 
     if (knock) {
+        // The socket unit listens for every session; for a running session this connection is its listener,
+        // and the knock is reported so that the session's user hears of it.
+        bus->proxyListenStarted(sessionId, true);
         bus->proxyClientConnected(sessionId, address);
     }
     if (!bus->connectRdpTransport(sessionId, 0)) {
@@ -1177,6 +1163,30 @@ int Connection::run() {
 }
 
 } // namespace
+
+std::string peerAddress(int fd) {
+    sockaddr_storage addr{};
+    socklen_t len = sizeof(addr);
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+        return "unknown";
+    }
+    char text[INET6_ADDRSTRLEN] = {};
+    if (addr.ss_family == AF_INET) {
+        inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(&addr)->sin_addr, text, sizeof(text));
+    } else if (addr.ss_family == AF_INET6) {
+        // The socket listens on both families; an IPv4 client shows as ::ffff:a.b.c.d there, and
+        // administrators look for the plain IPv4 address in the session document and the logs.
+        const in6_addr& in6 = reinterpret_cast<sockaddr_in6*>(&addr)->sin6_addr;
+        if (IN6_IS_ADDR_V4MAPPED(&in6)) {
+            inet_ntop(AF_INET, &in6.s6_addr[12], text, sizeof(text));
+        } else {
+            inet_ntop(AF_INET6, &in6, text, sizeof(text));
+        }
+    } else {
+        return "local";
+    }
+    return text;
+}
 
 int serveConnection(int fd, const RdpConfig& config) {
     sigset_t mask;

@@ -162,6 +162,11 @@ def x_servers(display):
             if os.path.basename(argv[0]) in ("Xvfb", "Xorg") and f":{display}" in argv}
 
 
+def connects(info):
+    """(address, pid) of the transports in a session's report."""
+    return [(c["remoteaddr"], c["pid"]) for c in info["remote:connects"]]
+
+
 def ended(uid, display):
     return not processes(uid) and not x_servers(display)
 

@@ -91,9 +91,6 @@ class Image:
                 count += 1
         return count / (self.width * self.height)
 
-    def colours(self):
-        return len({self.pixels[i:i + 3] for i in range(0, len(self.pixels), 3)})
-
     def ppm(self):
         return f"P6\n{self.width} {self.height}\n255\n".encode() + self.pixels
 

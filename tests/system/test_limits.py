@@ -8,12 +8,8 @@ import pytest
 
 from conftest import LIMITS, PASSWORD, PROGRAM, assert_level, cursor, run, wait_for, wait_line
 
-PROPERTIES = ("CPUQuotaPerSecUSec", "CPUWeight", "MemoryHigh", "MemoryMax", "TasksMax", "IPAddressDeny",
-              "IPAddressAllow")
-
-
 def show(unit):
-    out = run(["systemctl", "show", unit, *[f"--property={p}" for p in PROPERTIES]]).stdout
+    out = run(["systemctl", "show", unit, *[f"--property={row[3]}" for row in SESSION_LIMITS]]).stdout
     shown = dict(line.split("=", 1) for line in out.splitlines())
     # systemd lists addresses in an order of its own
     return {k: " ".join(sorted(v.split())) if k.startswith("IPAddress") else v for k, v in shown.items()}
@@ -43,35 +39,36 @@ def group():
     run(["groupdel", name], check=False)
 
 
+# method, signature, value (reset by 0 or ""), the scope's property and the report's key, each as shown
+SESSION_LIMITS = [
+    ("vexaSessionLimitCpuQuota", "iu", 40, "CPUQuotaPerSecUSec", "400ms", "cpu:quota", "40%"),
+    ("vexaSessionLimitCpuWeight", "iu", 10000, "CPUWeight", "10000", "cpu:weight", "10000"),
+    ("vexaSessionLimitMemoryHigh", "is", "150M", "MemoryHigh", "157286400", "memory:high", "150M"),
+    ("vexaSessionLimitMemoryMax", "is", "200M", "MemoryMax", "209715200", "memory:max", "200M"),
+    ("vexaSessionLimitTasksMax", "iu", 50, "TasksMax", "50", "tasks:max", "50"),
+    ("vexaSessionNetworkDeny", "is", "10.0.0.0/8 192.168.1.1", "IPAddressDeny", "10.0.0.0/8 192.168.1.1/32",
+     "network:deny", "10.0.0.0/8 192.168.1.1"),
+    ("vexaSessionNetworkAllow", "is", "10.1.2.0/24", "IPAddressAllow", "10.1.2.0/24", "network:allow", "10.1.2.0/24"),
+]
+
+
 def test_session_limits_reach_the_scope_and_zero_or_empty_resets_them(sessions, new_user):
     svc = sessions.svc
     _, _, sid, info = start(sessions, new_user, "e2e-lim-sess")
     unit, after = scope(info), cursor()
-    assert unit.startswith("session-") and unit == f"session-{info['systemd:sid']}.scope"
+    assert unit == f"session-{info['systemd:sid']}.scope"
     before = show(unit)
-
-    calls = [("vexaSessionLimitCpuQuota", "iu", 40), ("vexaSessionLimitCpuWeight", "iu", 10001),
-             ("vexaSessionLimitCpuWeight", "iu", 10000), ("vexaSessionLimitMemoryHigh", "is", "150M"),
-             ("vexaSessionLimitMemoryMax", "is", "200M"), ("vexaSessionLimitTasksMax", "iu", 50),
-             ("vexaSessionNetworkDeny", "is", "10.0.0.0/8 192.168.1.1"), ("vexaSessionNetworkAllow", "is", "10.1.2.0/24")]
-    for method, signature, value in calls:
-        svc.call(method, signature, sid, value)  # answered once systemctl has run
-    assert show(unit) == {"CPUQuotaPerSecUSec": "400ms", "CPUWeight": "10000", "MemoryHigh": "157286400",
-                          "MemoryMax": "209715200", "TasksMax": "50", "IPAddressDeny": "10.0.0.0/8 192.168.1.1/32",
-                          "IPAddressAllow": "10.1.2.0/24"}
-    assert limits(sessions.info(sid), "session") == {
-        "cpu:quota": "40%", "cpu:weight": "10000", "memory:high": "150M", "memory:max": "200M", "tasks:max": "50",
-        "network:deny": "10.0.0.0/8 192.168.1.1", "network:allow": "10.1.2.0/24"}
+    svc.call("vexaSessionLimitCpuWeight", "iu", sid, 10001)  # above the range: refused
     assert_level(wait_line(after, "vexaSessionLimitCpuWeight: incorrect value: 10001")[0], "warning")
+    for method, signature, value, *_ in SESSION_LIMITS:
+        svc.call(method, signature, sid, value)  # answered once systemctl has run
+    assert show(unit) == {prop: shown for *_, prop, shown, _, _ in SESSION_LIMITS}
+    assert limits(sessions.info(sid), "session") == {key: shown for *_, key, shown in SESSION_LIMITS}
     wait_line(after, f"systemctlSetProperty: system result: 0, cmd: `/usr/bin/systemctl set-property {unit} "
                      "CPUQuota=\"40%\"'")
 
-    resets = [("vexaSessionLimitCpuQuota", "iu", 0), ("vexaSessionLimitCpuWeight", "iu", 0),
-              ("vexaSessionLimitMemoryHigh", "is", ""), ("vexaSessionLimitMemoryMax", "is", ""),
-              ("vexaSessionLimitTasksMax", "iu", 0), ("vexaSessionNetworkDeny", "is", ""),
-              ("vexaSessionNetworkAllow", "is", "")]
-    for method, signature, value in resets:
-        svc.call(method, signature, sid, value)
+    for method, signature, value, *_ in SESSION_LIMITS:
+        svc.call(method, signature, sid, type(value)())
     assert show(unit) == before
     assert limits(sessions.info(sid), "session") == {}
     wait_line(after, f"systemctlResetProperty: system result: 0, cmd: `/usr/bin/systemctl set-property {unit} "
@@ -102,7 +99,6 @@ def test_the_limits_file_and_the_user_setters_reach_the_users_slice(daemon, new_
     assert limits(info, "session") == {}
     svc.call("vexaUserLimitTasksMax", "su", user, 0)
     assert show(slice_)["TasksMax"] != "80" and "tasks:max" not in limits(sessions.info(sid), "user")
-    svc.call("vexaUserLimitMemoryHigh", "ss", "e2e-lim-nobody", "1G")  # a login without sessions: nothing
 
 
 def test_a_value_is_one_argument_and_the_all_sessions_setter_sets_the_default(sessions, new_user, tmp_path):

@@ -1,4 +1,5 @@
-"""Programs started as a user through vexa_probe (runChildProcess): ids, groups, environment, output logs."""
+"""Through vexa_probe: programs started as a user (runChildProcess: ids, groups, environment, output logs) and the
+account check against the container's real shells file."""
 
 import os
 import pathlib
@@ -72,3 +73,9 @@ def test_unknown_user_runs_as_root_with_output_discarded_and_a_failed_exec_exits
     # the child reports the failure before the start returns, and the caller logs it
     line = "runOwnerCommand: execv failed, error: Permission denied, code: 13"
     assert_level(journal(after, message=line, idents=("vexa_probe",))[0], "error")
+
+
+@pytest.mark.parametrize("shell, answer", [
+    ("/bin/bash", "allowed"), ("/usr/sbin/nologin", "refused"), ("/bin/bash ", "refused"), ("", "refused")])
+def test_shell_must_be_a_whole_line_of_etc_shells(shell, answer):
+    assert run([PROBE, "accounts", "shell", shell]).stdout == answer + "\n"

@@ -19,7 +19,7 @@ import time
 import pytest
 
 import rdp_client
-from conftest import PASSWORD, WRONG, processes, run, wait_for
+from conftest import PASSWORD, WRONG, cursor, processes, run, wait_for, wait_line
 
 TRANSPORT = pathlib.Path("/usr/libexec/vexa/vexa_rdp_transport")
 needs_transport = pytest.mark.skipif(not TRANSPORT.exists(),
@@ -199,7 +199,12 @@ def test_a_disconnect_keeps_the_session_and_a_reconnect_finds_it(rdp_socket, ses
     assert sessions.listed() == {(user, sid)}
     before = session_screen(info)
 
+    mark = cursor()
     again, sid_again, info_again, pid_again = login(sessions, clients, user)
+    # the knock reported for the running session, with the client's address as administrators write it
+    for line in (f"proxyListenStarted: session id: {sid}, status: success",
+                 f"proxyClientConnected: session id: {sid}, ipaddr: 127.0.0.1"):
+        wait_line(mark, line)
     assert (sid_again, info_again["display"], sessions.listed()) == (sid, info["display"], {(user, sid)})
     assert pid_again != pid
     # the same screen: the terminal with the first command still on it (the middle of the screen now shows the

@@ -1,5 +1,5 @@
 """Who may call what: the bus policy and the daemon's own check per role, polkit for administrators, NT hashes
-kept from monitors and administrators, the login-helper account, root's logins and the request rate limits."""
+kept from monitors and administrators, the request rate limits (the login helper's account: test_session.py)."""
 
 import json
 import pathlib
@@ -9,7 +9,8 @@ import re
 import pytest
 
 import journal_secrets
-from conftest import PASSWORD, PROGRAM, as_user, cursor, journal, run, wait_line
+from conftest import LEVEL, PASSWORD, PROGRAM, WRONG, as_user, cursor, journal, run
+from test_bus_interface import zero_calls
 
 PY = "/usr/bin/python3"
 # Run as a test user: makes the calls of a JSON list [[at seconds, method, signature, args], ...] from one
@@ -20,11 +21,6 @@ import json, sys, time, dbus, dbus.lowlevel, dbus.mainloop.glib
 from gi.repository import GLib
 bus = dbus.SystemBus(mainloop=dbus.mainloop.glib.DBusGMainLoop())
 calls, out, loop, begin = json.loads(sys.argv[1]), {}, GLib.MainLoop(), time.monotonic()
-def plain(v):
-    if isinstance(v, (list, tuple, dbus.Struct, dbus.Array)): return [plain(x) for x in v]
-    if isinstance(v, dbus.Boolean): return bool(v)
-    if isinstance(v, (int, float)): return int(v) if isinstance(v, int) else float(v)
-    return str(v)
 def done(i, outcome):
     out[i] = outcome
     if len(out) == len(calls): loop.quit()
@@ -34,7 +30,7 @@ def send(i):
     if sig: msg.append(*args, signature=sig)
     def reply(m):
         if isinstance(m, dbus.lowlevel.ErrorMessage): done(i, {"error": m.get_error_name()})
-        else: done(i, {"ok": plain(m.get_args_list())})
+        else: done(i, {"ok": m.get_args_list()})  # the D-Bus types are those of JSON
     bus.send_message_with_reply(msg, reply, 60)
     return False
 for i, call in enumerate(calls):
@@ -62,7 +58,7 @@ ROWS = [
     ("vexaSessionPolicyConnect", "iu", [0x7FFF, 2], {"admin"}),
     ("vexaSessionLimitTasksMax", "iu", [0x7FFF, 0], {"admin"}),
     ("vexaSendNotify", "ussy", [0xFFFF, "", "", 0], {"admin"}),
-    ("busSetDebugLevel", "s", ["debug"], {"admin"}),
+    ("busSetDebugLevel", "s", [LEVEL], {"admin"}),
     ("busServiceShutdown", "", [], set()),
 ]
 
@@ -101,27 +97,25 @@ def polkit_rule():
     path.unlink(missing_ok=True)
 
 
-def test_each_role_may_call_the_groups_of_its_role_and_the_bus_refuses_the_rest(running, make_user):
-    users = role_users(make_user)
-    for role, user in users.items():
-        outcomes = calls_as(user, [[0, method, sig, args] for method, sig, args, _ in ROWS])
+def test_each_role_may_call_the_groups_of_its_role_and_only_transports_see_the_nt_hash(sessions, new_user,
+                                                                                      make_user):
+    user, _ = new_user("e2e-role-ntlm")
+    sid = sessions.request(username=user, password=PASSWORD, **PROGRAM)
+    assert sessions.info(sid)["ntlm"]  # root sees it
+    reports = [[0, "vexaSessionInfoJson", "u", [sid]], [0, "vexaUserInfoJson", "s", [user]]]
+    for role, caller in role_users(make_user).items():
+        *outcomes, info, listing = calls_as(caller, [[0, method, sig, args] for method, sig, args, _ in ROWS] + reports)
         for (method, _, _, allowed), outcome in zip(ROWS, outcomes):
-            assert ("ok" in outcome) == (role in allowed), (role, method, outcome)
-            if role not in allowed:
-                assert outcome == {"error": DENIED}, (role, method)
-    assert running.value("vexaStatus")  # nobody but root may stop the service
+            assert "ok" in outcome if role in allowed else outcome == {"error": DENIED}, (role, method, outcome)
+        reports_seen = [json.loads(info["ok"][0]), *json.loads(listing["ok"][0])]
+        assert [bool(r["ntlm"]) for r in reports_seen] == [role == "transport"] * 2, role
+    assert sessions.svc.value("vexaStatus")  # nobody but root may stop the service
 
 
 def test_the_daemon_refuses_every_method_to_a_caller_without_a_role(running, open_bus):
     """With a bus policy that lets the caller through, the daemon's own check answers each method's failure
     value and logs the caller; busServiceShutdown among them, so the service must still run afterwards."""
-    declared = __import__("test_bus_interface").DECLARED
-    calls = []
-    for (kind, name), args in sorted(declared.items()):
-        if kind == "method":
-            ins = [t for _, t, d in args if d == "in"]
-            zeros = [{"s": "", "b": False}.get(t, [] if t[0] == "a" else 0) for t in ins]
-            calls.append([0, name, "".join(ins), zeros])
+    calls = [[0, *call] for call in zero_calls()]
     after = cursor()
     outcomes = calls_as(open_bus, calls)
     assert all("ok" in outcome for outcome in outcomes), [c[1] for c, o in zip(calls, outcomes) if "ok" not in o]
@@ -150,28 +144,6 @@ def test_polkit_grants_administrators_their_actions_and_a_local_rule_takes_one_a
     assert not [line for line in lines if "vexaSessionsLimit: access denied" in line]
 
 
-def test_ntlm_hash_is_reported_to_root_and_transports_only(sessions, new_user, make_user):
-    users = role_users(make_user)
-    user, _ = new_user("e2e-role-ntlm")
-    sid = sessions.request(username=user, password=PASSWORD, **PROGRAM)
-    assert sid > 0
-    assert sessions.info(sid)["ntlm"]
-    for role, caller in users.items():
-        info, listing = calls_as(caller, [[0, "vexaSessionInfoJson", "u", [sid]],
-                                          [0, "vexaUserInfoJson", "s", [user]]])
-        reports = [json.loads(info["ok"][0]), *json.loads(listing["ok"][0])]
-        assert [bool(r["ntlm"]) for r in reports] == [role == "transport"] * 2, role
-
-
-@pytest.mark.parametrize("name", ["root", "e2e-role-plain"])
-def test_login_helper_runs_only_as_its_own_account(running, make_user, name):
-    if name != "root":
-        make_user(name)
-    after = cursor()
-    assert list(running.call("vexaLoginHelperStart", "si", name, 4242).get_args_list()[0]) == [-1, ""]
-    wait_line(after, f"startSession: login helper refused, user: {name}, only for: vexa-login")
-
-
 def test_request_rate_limits_engage_and_release(daemon, make_user, new_user):
     daemon(**{"requests:caller:inflight": 1, "requests:caller:minute": 0, "auth:throttle:failures": 1,
               "auth:throttle:delay": 3})
@@ -197,11 +169,13 @@ def test_no_secret_reaches_the_journal_at_trace_level(daemon, new_user):
     sid = keeper.request(username=user, password=PASSWORD, **PROGRAM)
     assert sid > 0
     info = keeper.info(sid)
-    ledger = journal_secrets.Ledger()
+    ledger = journal_secrets.Ledger(WRONG)
     ledger.account(user, PASSWORD)
     ledger.cookies.update(journal_secrets.xauth_cookies(pathlib.Path(info["xauthfile"]).read_bytes()))
-    keeper.svc.call("vexaCheckAuthUser", "sss", user, PASSWORD, "")
-    keeper.svc.call("vexaTestConnect", "sss", user, "", PASSWORD)
+    # the password checks (the PAM service named, or the configured one) see it too, and a wrong one
+    assert keeper.svc.value("vexaCheckAuthUser", "sss", user, PASSWORD, "")
+    assert keeper.svc.value("vexaTestConnect", "sss", user, "", PASSWORD)
+    assert not keeper.svc.value("vexaTestConnect", "sss", user, "", WRONG)
     keeper.svc.call("vexaSessionShutdown", "u", sid)
     secrets = ledger.secrets()
     texts = {text for _, text in secrets}

@@ -69,24 +69,20 @@ TEST(Admission, StepsRefuseOrAdmitInTheirOrder) {
         // The login helper reuses nothing and is not limited, but its user must be in an allowed group.
         {"alice", "DefaultSession", {.sessionsLimit = 0, .loginHelperUser = "alice"}, S::Success, "", M::LoginHelper},
         {"bob",
-         "LoginSession",
+         "Login",
          {.groupsAllow = rdp, .loginHelperUser = "bob"},
          S::NotAllowed,
          "user is not allowed",
          M::LoginHelper},
-        // Login-helper sessions run as the one configured account only, root's sessions only when allowed.
+        // Login-helper sessions run as the one configured account only (vexa-login by default), root's sessions
+        // only when allowed.
         {"alice",
-         "LoginSession",
+         "Login",
          {},
          S::NotAllowed,
          "login helper refused, user: alice, only for: vexa-login",
          M::LoginHelper},
-        {"root",
-         "LoginSession",
-         {.loginHelperUser = "vexa-login"},
-         S::NotAllowed,
-         "login helper refused, user: root",
-         M::LoginHelper},
+        {"root", "Login", {.loginHelperUser = "vexa-login"}, S::NotAllowed, "login helper refused", M::LoginHelper},
         {"root", "DefaultSession", {}, S::NotAllowed, "root login refused, user: root"},
         {"root", "DefaultSession", {.rootLogin = true}, S::Success, ""},
     };

@@ -63,22 +63,6 @@ TEST(Events, PathWaitEndsOnAWakeDescriptorOrAtTheDeadline) {
               Utils::PathWait::Timeout);
 }
 
-TEST(Events, ProcessFdSpeaksWhenTheProcessEndsAndNotBefore) {
-    const pid_t child = fork();
-    if (child == 0) {
-        pause();
-        _exit(0);
-    }
-    const auto ended = Utils::processFd(child);
-    ASSERT_TRUE(ended);
-    const std::array<int, 1> fds{ended.get()};
-    EXPECT_FALSE(Utils::waitReadable(fds, Utils::SteadyClock::now())); // not readable yet
-    kill(child, SIGKILL);
-    EXPECT_EQ(Utils::waitReadable(fds, Utils::SteadyClock::now() + 30s), 0U);
-    EXPECT_EQ(Utils::waitStatus(child), SIGKILL);
-    EXPECT_FALSE(Utils::processFd(child)); // reaped: nothing left to watch
-}
-
 TEST(Events, ChildrenAreReapedByOneThreadWithTheirOwnRawWaitStatus) {
     // The first child starts the reaper; the others must not add a thread each.
     Utils::waitChildBack(Utils::runChildProcess("/bin/true", {}, {}, nullptr, nullptr)).get();

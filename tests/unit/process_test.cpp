@@ -1,19 +1,10 @@
-#include <chrono>
 #include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <thread>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "test_support.h"
 
-#include "common/globals.h"
 #include "common/process.h"
 #include "common/vexa_error.h"
 
@@ -61,35 +52,4 @@ TEST(Process, StdoutCommandLosesOnlyTheLastNewlineAndNeverUsesAShell) {
     EXPECT_EQ(Utils::runStdoutCommand("/usr/bin/printf", {"a\\nb\\n\\n"}), "a\nb\n");
     EXPECT_EQ(Utils::runStdoutCommand("/usr/bin/printf", {"%s|", "$(id)", ";", "`x`", "a b"}), "$(id)|;|`x`|a b|");
     EXPECT_THROW(Utils::runStdoutCommand("/nonexistent/program", {}), vexa_error);
-}
-
-TEST(Process, WaitSocketWaitsForASocketAndRefusesAnythingElse) {
-    const TempDir dir;
-    sockaddr_un addr{AF_UNIX, {}};
-    std::strncpy(addr.sun_path, (dir.path / "X1").c_str(), sizeof(addr.sun_path) - 1);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    std::thread later([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        ::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
-    });
-    EXPECT_TRUE(Utils::waitSocketSec(dir.path / "X1", 5));
-    later.join();
-    ::close(fd);
-    std::ofstream(dir.path / "X2") << "not a socket";
-    EXPECT_FALSE(Utils::waitSocketSec(dir.path / "X2", 1));
-}
-
-TEST(Process, PidFilesLiveInTheVexaDirectoryOfHome) {
-    const TempDir home;
-    fs::create_directory(home.path / ".vexa");
-    const std::string oldHome = std::getenv("HOME") ? std::getenv("HOME") : "/";
-    ::setenv("HOME", home.path.c_str(), 1);
-    Utils::saveSessionPidFor("agent");
-    std::string pid;
-    std::getline(std::ifstream(home.path / ".vexa/agent"), pid);
-    EXPECT_EQ(pid, std::to_string(::getpid()));
-    EXPECT_TRUE(Utils::waitSessionPidFor("agent"));
-    Utils::removeSessionPidFor("agent");
-    EXPECT_FALSE(fs::exists(home.path / ".vexa/agent"));
-    ::setenv("HOME", oldHome.c_str(), 1);
 }

@@ -25,9 +25,8 @@ TEST(DesktopFile, OnlyTheDesktopEntrySectionCountsAndTheTypeIsExactlyApplication
          {"Ed", "", "/usr/bin/ed -p x", true, true, true}},
         // the freedesktop standard's spelling is not taken; values are exact
         {"[Desktop Entry]\nType=Application\nTerminal=True\nHidden=1\n", {}},
-        // lines before the header do not count; the header must be exactly "[Desktop Entry]"
+        // lines before the header do not count
         {"Name=Before\nType=application\n[Desktop Entry]\nExec=ed\n", {"", "", "ed", false, false, false}},
-        {"[Desktop Entry] \nName=A\n", {}},
         // any other line beginning with '[' closes the section
         {"[Desktop Entry]\nName=A\n[Desktop Action new]\nName=B\nType=application\n",
          {"A", "", "", false, false, false}},
@@ -81,12 +80,6 @@ TEST_F(ProgramListReload, DesktopApplicationsAreFollowedByTheProgramsWhoseBinary
     const auto missing = dir / "applications/50-missing.desktop";
     EXPECT_TRUE(contains(text, "exec not found: `vexa-no-such-program', skipped app: `" + missing.string())) << text;
     EXPECT_TRUE(contains(text, "ProgramListReload: binary not found: /nonexistent/vexa/gone for name: Gone")) << text;
-
-    // A programs file holding an object adds nothing.
-    const auto object = write("object.json", R"({"name": "Sh", "path": "/bin/sh"})");
-    const auto objectLog = logged([&] { reload(object); });
-    EXPECT_EQ(list.getNames(), (std::vector<std::string>{"Оболочка", "Env", "Top"}));
-    EXPECT_TRUE(contains(objectLog, "ProgramListReload: not json array: " + object.string())) << objectLog;
 }
 
 TEST_F(ProgramListReload, ReadersSeeOnlyWholeListsWhileAnotherThreadReloads) {

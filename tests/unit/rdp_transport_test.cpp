@@ -1,175 +1,86 @@
-// The RDP transport's pure parts: configuration and command line, the session request it sends (read back by the
-// daemon's own parser), refusals, damage rectangles, input mapping, pointer masks, and its bus calls held against
-// the interface description.
+// The RDP transport's pure parts: configuration, the session request it sends (read back by the
+// daemon's own parser), damage rectangles, input mapping, pointer masks, the clipboard, monitor layouts, the encoder
+// and its bus calls held against the interface description.
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <fstream>
 #include <map>
 #include <set>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
 #include <freerdp/codec/color.h>
 #include <freerdp/codec/region.h>
 #include <freerdp/codec/rfx.h>
-#include <freerdp/error.h>
 #include <freerdp/input.h>
 #include <freerdp/settings.h>
 
+#include "common/events.h"
 #include "common/json_config.h"
 #include "rdp/bus_client.h"
 #include "rdp/clipboard_text.h"
 #include "rdp/config.h"
 #include "rdp/cursor_shape.h"
-#include "rdp/encoder.h"
 #include "rdp/damage_region.h"
+#include "rdp/encoder.h"
 #include "rdp/input_map.h"
 #include "rdp/logon.h"
 #include "rdp/monitor_layout.h"
+#include "rdp/transport.h"
 #include "start/session_request.h"
 #include "test_support.h"
 
 using namespace Vexa;
 using namespace Vexa::Rdp;
 
-namespace {
-
-Json::Value json(std::string_view text) {
-    return parseJsonStrict(text);
-}
-
-} // namespace
-
 TEST(RdpConfig, KeysOverrideDefaultsAndWrongTypesAreRefused) {
-    struct Case {
-        const char* text;
-        bool valid;
-        const char* errorPart = "";
-        std::string certificate = "/etc/vexa/rdp/tls.crt";
-        std::string key = "/etc/vexa/rdp/tls.key";
-        bool rdp = false, tls = true, nla = false, remoteFx = true;
-        uint32_t frameRate = 30;
+    const auto fields = [](const RdpConfig& c) {
+        return std::tie(c.certificate, c.key, c.securityRdp, c.securityTls, c.securityNla, c.remoteFx, c.frameRate,
+                        c.startTimeout, c.logLevel, c.loginUser);
     };
-    const Case cases[] = {
-        {.text = "{}", .valid = true},
-        {.text = R"({"rdp:certificate": "/c.pem", "rdp:key": "/k.pem"})",
-         .valid = true,
-         .certificate = "/c.pem",
-         .key = "/k.pem"},
-        {.text = R"({"rdp:security:rdp": true, "rdp:security:tls": false})", .valid = true, .rdp = true, .tls = false},
-        {.text = R"({"rdp:security:nla": true, "rdp:codec:remotefx": false, "rdp:frame:rate": 60})",
-         .valid = true,
-         .nla = true,
-         .remoteFx = false,
-         .frameRate = 60},
-        {.text = R"({"unknown:key": 1})", .valid = true},
-        {.text = R"({"rdp:security:tls": "yes"})", .valid = false, .errorPart = "rdp:security:tls"},
-        {.text = R"({"rdp:certificate": ""})", .valid = false, .errorPart = "rdp:certificate"},
-        {.text = R"({"rdp:key": 5})", .valid = false, .errorPart = "rdp:key"},
-        {.text = R"({"rdp:frame:rate": 0})", .valid = false, .errorPart = "rdp:frame:rate"},
-        {.text = R"({"rdp:frame:rate": 61})", .valid = false, .errorPart = "rdp:frame:rate"},
-        {.text = R"({"rdp:frame:rate": -3})", .valid = false, .errorPart = "rdp:frame:rate"},
-        {.text = R"({"rdp:frame:rate": 2.5})", .valid = false, .errorPart = "rdp:frame:rate"},
-        {.text = R"({"rdp:security:tls": false})", .valid = false, .errorPart = "no security layer"},
-        {.text = "[]", .valid = false, .errorPart = "not a JSON object"},
+    EXPECT_EQ(fields(parseRdpConfig(parseJsonStrict("{}")).value()), fields(RdpConfig{}));
+    const auto every = parseRdpConfig(parseJsonStrict(R"({"rdp:certificate": "/c.pem", "rdp:key": "/k.pem",
+        "rdp:security:rdp": true, "rdp:security:tls": false, "rdp:security:nla": true, "rdp:codec:remotefx": false,
+        "rdp:frame:rate": 60, "rdp:start:timeout": 3600, "rdp:log:level": "debug",
+        "rdp:login:user": "e2e-login", "unknown:key": 1})"));
+    ASSERT_TRUE(every);
+    EXPECT_EQ(fields(*every),
+              fields(RdpConfig{"/c.pem", "/k.pem", true, false, true, false, 60, 3600, "debug", "e2e-login"}));
+    const std::pair<const char*, const char*> refused[] = {
+        {R"({"rdp:security:tls": "yes"})", "rdp:security:tls"},
+        {R"({"rdp:certificate": ""})", "rdp:certificate"},
+        {R"({"rdp:frame:rate": 0})", "rdp:frame:rate"},
+        {R"({"rdp:frame:rate": 61})", "rdp:frame:rate"},
+        {R"({"rdp:frame:rate": 2.5})", "rdp:frame:rate"},
+        {R"({"rdp:security:tls": false})", "no security layer"},
+        {"[]", "not a JSON object"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
+    for (const auto& [text, errorPart] : refused) {
         std::string error;
-        const auto config = parseRdpConfig(json(c.text), &error);
-        ASSERT_EQ(config.has_value(), c.valid) << error;
-        if (!c.valid) {
-            EXPECT_NE(error.find(c.errorPart), std::string::npos) << error;
-            continue;
-        }
-        EXPECT_EQ(config->certificate, c.certificate);
-        EXPECT_EQ(config->key, c.key);
-        EXPECT_EQ(config->securityRdp, c.rdp);
-        EXPECT_EQ(config->securityTls, c.tls);
-        EXPECT_EQ(config->securityNla, c.nla);
-        EXPECT_EQ(config->remoteFx, c.remoteFx);
-        EXPECT_EQ(config->frameRate, c.frameRate);
+        EXPECT_FALSE(parseRdpConfig(parseJsonStrict(text), &error)) << text;
+        EXPECT_NE(error.find(errorPart), std::string::npos) << error;
     }
-}
-
-TEST(RdpConfig, MissingFileGivesDefaultsAndBrokenFileIsRefused) {
-    const auto dir = std::filesystem::temp_directory_path() / ("rdp-config-" + std::to_string(getpid()));
-    std::filesystem::create_directories(dir);
+    // A missing file gives the defaults, a broken one is refused.
+    const TestSupport::TempDir dir;
     std::string error;
-    const auto missing = loadRdpConfig(dir / "absent.json", &error);
-    ASSERT_TRUE(missing.has_value()) << error;
-    EXPECT_EQ(missing->certificate, "/etc/vexa/rdp/tls.crt");
-
-    std::ofstream(dir / "broken.json") << "{\"rdp:key\": \"/k\",}";
-    EXPECT_FALSE(loadRdpConfig(dir / "broken.json", &error).has_value());
+    EXPECT_EQ(loadRdpConfig(dir.path / "absent.json", &error)->certificate, "/etc/vexa/rdp/tls.crt") << error;
+    std::ofstream(dir.path / "broken.json") << "{\"rdp:key\": \"/k\",}";
+    EXPECT_FALSE(loadRdpConfig(dir.path / "broken.json", &error).has_value());
     EXPECT_NE(error.find("invalid JSON"), std::string::npos) << error;
-
-    std::ofstream(dir / "good.json") << R"({"rdp:key": "/k"})";
-    const auto good = loadRdpConfig(dir / "good.json", &error);
-    ASSERT_TRUE(good.has_value()) << error;
-    EXPECT_EQ(good->key, "/k");
-    std::filesystem::remove_all(dir);
-}
-
-TEST(RdpOptions, CommandLineTakesDescriptorConfigAndLevel) {
-    struct Case {
-        std::vector<std::string_view> args;
-        bool valid;
-        std::optional<int> fd;
-        std::string config = defaultConfigPath;
-        std::optional<std::string> level;
-        bool help = false;
-    };
-    const Case cases[] = {
-        {.args = {}, .valid = true},
-        {.args = {"--fd", "7"}, .valid = true, .fd = 7},
-        {.args = {"--fd", "0"}, .valid = true, .fd = 0},
-        {.args = {"--config", "/tmp/x.json", "--log", "debug"},
-         .valid = true,
-         .config = "/tmp/x.json",
-         .level = "debug"},
-        {.args = {"--help"}, .valid = true, .help = true},
-        {.args = {"--fd"}, .valid = false},
-        {.args = {"--fd", "-1"}, .valid = false},
-        {.args = {"--fd", "3x"}, .valid = false},
-        {.args = {"--fd", ""}, .valid = false},
-        {.args = {"--config", ""}, .valid = false},
-        {.args = {"--port", "3389"}, .valid = false},
-    };
-    for (const auto& c : cases) {
-        std::string joined;
-        for (auto a : c.args) {
-            joined += std::string(a) + " ";
-        }
-        SCOPED_TRACE(joined);
-        std::string error;
-        const auto options = parseOptions(c.args, &error);
-        ASSERT_EQ(options.has_value(), c.valid) << error;
-        if (!c.valid) {
-            EXPECT_FALSE(error.empty());
-            continue;
-        }
-        EXPECT_EQ(options->fd, c.fd);
-        EXPECT_EQ(options->configPath, c.config);
-        EXPECT_EQ(options->logLevel, c.level);
-        EXPECT_EQ(options->help, c.help);
-    }
 }
 
 TEST(RdpLogon, TheDaemonReadsTheRequestAsTheClientLoggedOn) {
     struct Case {
         LogonInfo logon;
         uint16_t width, height;
-        uint8_t depth;
         std::string domain;
     };
     const Case cases[] = {
-        {{"alice", "", "pa\"ss\\word", 1024, 768, 32, false, true, false}, 1024, 768, 24, ""},
-        {{"bob", "CORP", "x", 1920, 1080, 24, true, false, false}, 1920, 1080, 24, "CORP"},
-        {{"carol", "", "ü€ unicode", 800, 600, 16, false, false, true}, 800, 600, 24, ""},
-        {{"dave", "", "p", 20000, 10, 8, false, true, false}, 8192, 64, 24, ""},
-        {{"erin", "", "p", 0, 0, 0, false, true, false}, 1280, 1024, 24, ""},
+        {{"alice", "", "pa\"ss\\word", 1024, 768, 32, false, true, false}, 1024, 768, ""},
+        {{"bob", "CORP", "ü€ unicode", 1920, 1080, 16, true, false, true}, 1920, 1080, "CORP"},
+        {{"dave", "", "p", 20000, 10, 8, false, true, false}, 8192, 64, ""}, // clamped
+        {{"erin", "", "p", 0, 0, 0, false, true, false}, 1280, 1024, ""},    // the client's size unknown
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.logon.username);
@@ -182,7 +93,7 @@ TEST(RdpLogon, TheDaemonReadsTheRequestAsTheClientLoggedOn) {
         EXPECT_EQ(r.credentials.password, c.logon.password);
         EXPECT_EQ(r.width, c.width);
         EXPECT_EQ(r.height, c.height);
-        EXPECT_EQ(r.depth, c.depth);
+        EXPECT_EQ(r.depth, 24); // sessions are always 24 bit deep
         EXPECT_EQ(r.secNla, c.logon.nla);
         EXPECT_EQ(r.secTls, c.logon.tls);
         EXPECT_EQ(r.secRdp, c.logon.rdp);
@@ -190,59 +101,50 @@ TEST(RdpLogon, TheDaemonReadsTheRequestAsTheClientLoggedOn) {
     }
 }
 
-TEST(RdpLogon, RefusalsTellCredentialFaultsFromPolicy) {
-    struct Case {
-        int32_t reply;
-        uint32_t errorInfo;
-        int64_t logonError;
-    };
-    const Case cases[] = {
-        {-1, ERRINFO_SERVER_INSUFFICIENT_PRIVILEGES, LOGON_FAILED_BAD_PASSWORD},
-        {-2, ERRINFO_SERVER_INSUFFICIENT_PRIVILEGES, LOGON_FAILED_OTHER},
-        {-3, ERRINFO_SERVER_INSUFFICIENT_PRIVILEGES, LOGON_FAILED_UPDATE_PASSWORD},
-        {-4, ERRINFO_SERVER_INSUFFICIENT_PRIVILEGES, LOGON_FAILED_BAD_PASSWORD},
-        {-5, ERRINFO_SERVER_DENIED_CONNECTION, -1},
-        {-6, ERRINFO_SERVER_DENIED_CONNECTION, -1},
-        {-8, ERRINFO_SERVER_INSUFFICIENT_PRIVILEGES, LOGON_FAILED_OTHER},
-        {-9, ERRINFO_SERVER_DENIED_CONNECTION, -1},
-        {-7, ERRINFO_SERVER_DENIED_CONNECTION, -1},
-        {0, ERRINFO_SERVER_DENIED_CONNECTION, -1},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.reply);
-        const auto refusal = refusalFor(c.reply);
-        EXPECT_EQ(refusal.errorInfo, c.errorInfo);
-        EXPECT_EQ(refusal.logonError, c.logonError);
-        EXPECT_STRNE(refusal.reason, "");
-    }
-}
-
 namespace {
 
-// Which pixels of a small screen the rectangles cover.
-std::vector<int> coverage(const std::vector<Rect>& rects, int width, int height) {
-    std::vector<int> map(static_cast<size_t>(width * height), 0);
+// How often each pixel of the screen is covered by the rectangles.
+std::vector<int> coverage(const std::vector<Rect>& rects, const Rect& screen) {
+    std::vector<int> map(static_cast<size_t>(screen.area()), 0);
     for (const auto& r : rects) {
-        for (int y = r.y; y < r.bottom(); ++y) {
-            for (int x = r.x; x < r.right(); ++x) {
-                if (x >= 0 && y >= 0 && x < width && y < height) {
-                    ++map[static_cast<size_t>(y * width + x)];
-                }
+        const Rect in = intersect(r, screen);
+        for (int y = in.y; y < in.bottom(); ++y) {
+            for (int x = in.x; x < in.right(); ++x) {
+                ++map[static_cast<size_t>(y * screen.width + x)];
             }
         }
     }
     return map;
 }
 
+std::vector<Rect> scatteredBands() {
+    std::vector<Rect> rects;
+    for (int band : {0, 300, 600}) {
+        for (int i = 0; i < 30; ++i) {
+            rects.push_back({i * 60, band + (i % 3), 8, 16});
+        }
+    }
+    return rects;
+}
+
+std::vector<Rect> storm() {
+    std::vector<Rect> rects;
+    for (int i = 0; i < 600; ++i) {
+        rects.push_back({(i * 7) % 1000, (i * 13) % 700, 1, 1});
+    }
+    return rects;
+}
+
 } // namespace
 
 TEST(DamageRegion, MergedRectanglesCoverEveryDamagedPixelWithinTheScreen) {
-    const Rect screen{0, 0, 200, 120};
     struct Case {
         const char* name;
         std::vector<Rect> rects;
         size_t maxRects;
         size_t expectCount;
+        Rect screen = {0, 0, 200, 120};
+        int64_t slack = 64;
     };
     const Case cases[] = {
         {"none", {}, 4, 0},
@@ -258,79 +160,24 @@ TEST(DamageRegion, MergedRectanglesCoverEveryDamagedPixelWithinTheScreen) {
          2,
          2},
         {"cap of one is the bounding box", {{0, 0, 10, 10}, {190, 110, 10, 10}}, 1, 1},
+        {"scattered rows become one rectangle per band", scatteredBands(), 8, 3, {0, 0, 1920, 1080}, 64 * 64},
+        {"a storm becomes its bounding box", storm(), 16, 1, {0, 0, 1024, 768}, 64 * 64},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const auto merged = mergeRects(c.rects, screen, c.maxRects, 64);
+        const auto merged = mergeRects(c.rects, c.screen, c.maxRects, c.slack);
         EXPECT_EQ(merged.size(), c.expectCount);
-        EXPECT_LE(merged.size(), std::max<size_t>(c.maxRects, 1));
         for (const auto& r : merged) {
             EXPECT_FALSE(r.empty());
-            EXPECT_TRUE(screen.contains(r)) << r.x << "," << r.y << " " << r.width << "x" << r.height;
+            EXPECT_TRUE(c.screen.contains(r)) << r.x << "," << r.y << " " << r.width << "x" << r.height;
         }
-        const auto damaged = coverage(c.rects, screen.width, screen.height);
-        const auto sent = coverage(merged, screen.width, screen.height);
+        const auto damaged = coverage(c.rects, c.screen);
+        const auto sent = coverage(merged, c.screen);
         for (size_t i = 0; i < damaged.size(); ++i) {
-            if (damaged[i] > 0) {
-                ASSERT_GT(sent[i], 0) << "pixel " << i % 200 << "," << i / 200 << " lost";
-            }
+            ASSERT_TRUE(damaged[i] == 0 || sent[i] > 0) << "pixel " << i % static_cast<size_t>(c.screen.width) << ","
+                                                        << i / static_cast<size_t>(c.screen.width) << " lost";
         }
     }
-}
-
-TEST(DamageRegion, AStormOfRectanglesBecomesTheirBoundingBox) {
-    std::vector<Rect> storm;
-    for (int i = 0; i < 600; ++i) {
-        storm.push_back({(i * 7) % 1000, (i * 13) % 700, 1, 1});
-    }
-    const auto merged = mergeRects(storm, {0, 0, 1024, 768}, 16);
-    ASSERT_EQ(merged.size(), 1u);
-    for (const auto& r : storm) {
-        EXPECT_TRUE(merged[0].contains(r));
-    }
-}
-
-TEST(DamageRegion, RowBandsJoinOverlappingAndTouchingRows) {
-    struct Case {
-        const char* name;
-        std::vector<Rect> rects;
-        std::vector<Band> bands;
-    };
-    const Case cases[] = {
-        {"none", {}, {}},
-        {"one", {{5, 10, 3, 4}}, {{10, 4}}},
-        {"overlap in rows, apart in columns", {{0, 10, 5, 10}, {100, 15, 5, 10}}, {{10, 15}}},
-        {"touching", {{0, 0, 5, 10}, {0, 10, 5, 10}}, {{0, 20}}},
-        {"apart, unsorted", {{0, 50, 5, 5}, {0, 0, 5, 5}}, {{0, 5}, {50, 5}}},
-        {"nested", {{0, 0, 5, 100}, {0, 20, 5, 5}}, {{0, 100}}},
-        {"empty ignored", {{0, 0, 0, 100}, {0, 40, 5, 5}}, {{40, 5}}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(rowBands(c.rects), c.bands);
-    }
-}
-
-TEST(DamageRegion, TilesCoverTheRectangleOnceWithinTheTileSize) {
-    const Rect cases[] = {{0, 0, 64, 64}, {3, 5, 130, 70}, {10, 10, 1, 1}, {0, 0, 1024, 768}, {7, 0, 63, 129}};
-    for (const auto& rect : cases) {
-        SCOPED_TRACE(std::to_string(rect.width) + "x" + std::to_string(rect.height));
-        const auto tiles = tileRect(rect, 64);
-        int64_t area = 0;
-        for (const auto& t : tiles) {
-            EXPECT_LE(t.width, 64);
-            EXPECT_LE(t.height, 64);
-            EXPECT_TRUE(rect.contains(t));
-            area += t.area();
-        }
-        // Contained and adding up to the whole: no gap, no overlap.
-        EXPECT_EQ(area, rect.area());
-        const size_t columns = static_cast<size_t>((rect.width + 63) / 64);
-        const size_t rows = static_cast<size_t>((rect.height + 63) / 64);
-        EXPECT_EQ(tiles.size(), columns * rows);
-    }
-    EXPECT_TRUE(tileRect({0, 0, 0, 5}, 64).empty());
-    EXPECT_TRUE(tileRect({0, 0, 5, 5}, 0).empty());
 }
 
 TEST(InputMap, PointerFlagsBecomeXEventsInOrder) {
@@ -342,14 +189,12 @@ TEST(InputMap, PointerFlagsBecomeXEventsInOrder) {
     };
     const Case cases[] = {
         {"move", PTR_FLAGS_MOVE, {{A::Motion, 0, 10, 20}}},
-        {"left down", PTR_FLAGS_DOWN | PTR_FLAGS_BUTTON1, {{A::Motion, 0, 10, 20}, {A::Press, 1}}},
         {"left up", PTR_FLAGS_BUTTON1, {{A::Motion, 0, 10, 20}, {A::Release, 1}}},
         {"right down", PTR_FLAGS_DOWN | PTR_FLAGS_BUTTON2, {{A::Motion, 0, 10, 20}, {A::Press, 3}}},
         {"middle down", PTR_FLAGS_DOWN | PTR_FLAGS_BUTTON3, {{A::Motion, 0, 10, 20}, {A::Press, 2}}},
         {"move with click, one motion",
          PTR_FLAGS_MOVE | PTR_FLAGS_DOWN | PTR_FLAGS_BUTTON1 | PTR_FLAGS_BUTTON2,
          {{A::Motion, 0, 10, 20}, {A::Press, 1}, {A::Press, 3}}},
-        {"wheel up one notch", PTR_FLAGS_WHEEL | 0x0078, {{A::Press, 4}, {A::Release, 4}}},
         {"wheel down one notch (-120)",
          PTR_FLAGS_WHEEL | PTR_FLAGS_WHEEL_NEGATIVE | 0x0088,
          {{A::Press, 5}, {A::Release, 5}}},
@@ -358,64 +203,47 @@ TEST(InputMap, PointerFlagsBecomeXEventsInOrder) {
          {{A::Press, 4}, {A::Release, 4}, {A::Press, 4}, {A::Release, 4}}},
         {"small turn still one notch", PTR_FLAGS_WHEEL | 0x0010, {{A::Press, 4}, {A::Release, 4}}},
         {"horizontal right", PTR_FLAGS_HWHEEL | 0x0078, {{A::Press, 7}, {A::Release, 7}}},
-        {"horizontal left", PTR_FLAGS_HWHEEL | PTR_FLAGS_WHEEL_NEGATIVE | 0x0088, {{A::Press, 6}, {A::Release, 6}}},
-        {"nothing", 0, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         EXPECT_EQ(pointerActions(c.flags, 10, 20), c.actions);
     }
-}
-
-TEST(InputMap, ExtendedButtonsAndKeys) {
-    using A = PointerAction;
     EXPECT_EQ(extendedPointerActions(PTR_XFLAGS_DOWN | PTR_XFLAGS_BUTTON1, 1, 2),
               (std::vector<A>{{A::Motion, 0, 1, 2}, {A::Press, 8}}));
     EXPECT_EQ(extendedPointerActions(PTR_XFLAGS_BUTTON2, 1, 2),
               (std::vector<A>{{A::Motion, 0, 1, 2}, {A::Release, 9}}));
-    EXPECT_TRUE(extendedPointerActions(PTR_XFLAGS_DOWN, 1, 2).empty());
+}
 
-    struct Case {
+TEST(InputMap, KeysAndTheLockKeysFollowTheClientsFlags) {
+    struct Key {
         uint16_t flags;
         bool press, extended;
     };
-    const Case cases[] = {
-        {KBD_FLAGS_DOWN, true, false},
-        {0, true, false},
-        {KBD_FLAGS_RELEASE, false, false},
-        {KBD_FLAGS_RELEASE | KBD_FLAGS_DOWN, false, false},
-        {KBD_FLAGS_EXTENDED | KBD_FLAGS_DOWN, true, true},
-        {KBD_FLAGS_EXTENDED | KBD_FLAGS_RELEASE, false, true},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.flags);
+    // A key event without the release flag is a press, also with the "was down" flag of a repeat.
+    for (const auto& c : {Key{0, true, false}, Key{KBD_FLAGS_RELEASE | KBD_FLAGS_DOWN, false, false},
+                          Key{KBD_FLAGS_EXTENDED | KBD_FLAGS_DOWN, true, true}}) {
         const auto action = keyAction(c.flags, 0x1c);
-        EXPECT_EQ(action.press, c.press);
-        EXPECT_EQ(action.extended, c.extended);
+        EXPECT_EQ(action.press, c.press) << c.flags;
+        EXPECT_EQ(action.extended, c.extended) << c.flags;
         EXPECT_EQ(action.scancode, 0x1cu);
     }
-}
-
-TEST(InputMap, LockKeysFollowTheClientsSynchronizeFlags) {
-    struct Case {
+    // The keys to tap so that the session's locks match the client's: Caps Lock 0x3a, Num Lock 0x45.
+    struct Sync {
         uint32_t flags;
         uint16_t mask;
         std::vector<uint8_t> taps;
     };
     constexpr uint16_t lock = 0x02, mod2 = 0x10, shift = 0x01;
-    const Case cases[] = {
+    const Sync syncs[] = {
         {0, 0, {}},
         {KBD_SYNC_CAPS_LOCK, 0, {0x3a}},
         {0, lock, {0x3a}},
         {KBD_SYNC_CAPS_LOCK, lock, {}},
-        {KBD_SYNC_NUM_LOCK, 0, {0x45}},
         {KBD_SYNC_NUM_LOCK | KBD_SYNC_CAPS_LOCK, shift, {0x3a, 0x45}},
         {KBD_SYNC_SCROLL_LOCK | KBD_SYNC_KANA_LOCK, shift | lock | mod2, {0x3a, 0x45}},
-        {KBD_SYNC_NUM_LOCK | KBD_SYNC_CAPS_LOCK, lock | mod2, {}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::to_string(c.flags) + "/" + std::to_string(c.mask));
-        EXPECT_EQ(lockKeysToTap(c.flags, c.mask), c.taps);
+    for (const auto& c : syncs) {
+        EXPECT_EQ(lockKeysToTap(c.flags, c.mask), c.taps) << c.flags << "/" << c.mask;
     }
 }
 
@@ -428,18 +256,16 @@ TEST(InputMap, UnicodeUnitsBecomeKeysyms) {
         {u"a", {0x61}},
         {u"é", {0xe9}},
         {u"€", {0x010020ac}},
-        {u"Ж", {0x01000416}},
         {u"\U0001F600", {0x0101f600}},
         {std::u16string{0xdc00, u'x'}, {0x78}},                 // a stray low surrogate is dropped
         {std::u16string{0xd83d, u'x'}, {0x78}},                 // a high surrogate without its low one is dropped
         {std::u16string{0xd83d, 0xd83d, 0xde00}, {0x0101f600}}, // the last high surrogate counts
         {u"\t", {0}},                                           // control characters type nothing
-        {std::u16string{0x7f}, {0}},
         {std::u16string{0x85}, {0}},
         {std::u16string{0xa0}, {0xa0}},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.keysyms.empty() ? 0 : c.keysyms[0]);
+        SCOPED_TRACE(c.keysyms[0]);
         Utf16Joiner joiner;
         std::vector<uint32_t> keysyms;
         for (char16_t unit : c.units) {
@@ -450,7 +276,6 @@ TEST(InputMap, UnicodeUnitsBecomeKeysyms) {
         EXPECT_EQ(keysyms, c.keysyms);
     }
     EXPECT_EQ(unicodeKeysym(0x110000), 0u);
-    EXPECT_EQ(unicodeKeysym(0xd800), 0u);
 }
 
 TEST(InputMap, ScancodesGoToTheLowestKeycodeWithASymbol) {
@@ -484,60 +309,37 @@ TEST(InputMap, ScancodesGoToTheLowestKeycodeWithASymbol) {
     }
 }
 
-TEST(CursorShape, MasksAreFlippedUnpremultipliedAndPadded) {
+TEST(CursorShape, MasksAreFlippedUnpremultipliedPaddedAndClipped) {
     CursorImage image;
     image.width = 3;
     image.height = 2;
     // Top row: opaque red, half-transparent white (premultiplied 0x80), transparent. Bottom row: opaque blue...
     image.pixels = {0xffff0000, 0x80808080, 0x00000000, 0xff0000ff, 0xff00ff00, 0x40200000};
     const auto masks = pointerMasks(image);
-    ASSERT_EQ(masks.width, 3);
-    ASSERT_EQ(masks.height, 2);
     ASSERT_EQ(masks.xorMask.size(), 3u * 2 * 4);
-    // Rows of 3 bits padded to 2 bytes.
-    EXPECT_EQ(masks.andMask, std::vector<uint8_t>(4, 0));
-    auto pixel = [&](int row, int col) {
-        const uint8_t* p = &masks.xorMask[static_cast<size_t>((row * 3 + col) * 4)];
-        return std::vector<int>{p[0], p[1], p[2], p[3]};
-    };
-    // Stored bottom row first: row 0 of the masks is the image's bottom row.
-    EXPECT_EQ(pixel(0, 0), (std::vector<int>{0xff, 0, 0, 0xff}));
-    EXPECT_EQ(pixel(0, 1), (std::vector<int>{0, 0xff, 0, 0xff}));
-    EXPECT_EQ(pixel(0, 2), (std::vector<int>{0, 0, 0x80, 0x40}));
-    EXPECT_EQ(pixel(1, 0), (std::vector<int>{0, 0, 0xff, 0xff}));
-    EXPECT_EQ(pixel(1, 1), (std::vector<int>{0xff, 0xff, 0xff, 0x80}));
-    EXPECT_EQ(pixel(1, 2), (std::vector<int>{0, 0, 0, 0}));
-}
-
-TEST(CursorShape, LargeImagesAreClippedAndEmptyOnesGiveNothing) {
+    EXPECT_EQ(masks.andMask, std::vector<uint8_t>(4, 0)); // rows of 3 bits padded to 2 bytes
+    // Stored bottom row first, BGRA.
+    EXPECT_EQ(masks.xorMask, (std::vector<uint8_t>{0xff, 0, 0,    0xff, 0,    0xff, 0,    0xff, 0, 0, 0x80, 0x40,
+                                                   0,    0, 0xff, 0xff, 0xff, 0xff, 0xff, 0x80, 0, 0, 0,    0}));
     CursorImage big;
     big.width = 130;
     big.height = 100;
     big.pixels.assign(130u * 100, 0xff112233);
-    const auto masks = pointerMasks(big);
-    EXPECT_EQ(masks.width, 96);
-    EXPECT_EQ(masks.height, 96);
-    EXPECT_EQ(masks.xorMask.size(), 96u * 96 * 4);
-    EXPECT_EQ(masks.andMask.size(), 12u * 96);
-
-    CursorImage empty;
-    EXPECT_EQ(pointerMasks(empty).width, 0);
-    CursorImage short_;
-    short_.width = 4;
-    short_.height = 4;
-    short_.pixels.assign(3, 0);
-    EXPECT_TRUE(pointerMasks(short_).xorMask.empty());
+    const auto clipped = pointerMasks(big);
+    EXPECT_EQ(clipped.width, 96);
+    EXPECT_EQ(clipped.height, 96);
+    EXPECT_EQ(clipped.andMask.size(), 12u * 96);
+    big.pixels.resize(3); // fewer pixels than the size says: nothing
+    EXPECT_TRUE(pointerMasks(big).xorMask.empty());
 }
 
 TEST(RdpBusCalls, SignaturesMatchTheInterfaceDescription) {
-    const auto described = TestSupport::interfaceSignatures();
-    ASSERT_GT(described.size(), 90u);
+    const auto described = TestSupport::interfaceMethods();
     for (const auto& m : busMethods()) {
         SCOPED_TRACE(std::string(m.name));
         const auto found = described.find(std::string(m.name));
         ASSERT_NE(found, described.end());
-        EXPECT_EQ(found->second.first, m.in);
-        EXPECT_EQ(found->second.second, m.out);
+        EXPECT_EQ(found->second, std::make_pair(std::string(m.in), std::string(m.out)));
     }
 }
 
@@ -554,6 +356,39 @@ std::vector<uint8_t> utf16(std::u16string_view text) {
 
 } // namespace
 
+// What the client sends is untrusted: odd lengths, broken surrogates, no terminator, more than the limit.
+// The socket listens on IPv6 for both families: an IPv4 client must still be reported as a.b.c.d.
+TEST(PeerAddress, MappedIpv4IsPlainIpv6StaysIpv6) {
+    struct Case {
+        const char* connectTo;
+        const char* expected;
+    };
+    for (const Case& c : {Case{"127.0.0.1", "127.0.0.1"}, Case{"::1", "::1"}}) {
+        Utils::UniqueFd listener{socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+        ASSERT_GE(listener.get(), 0);
+        const int off = 0;
+        ASSERT_EQ(setsockopt(listener.get(), IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof(off)), 0);
+        sockaddr_in6 any{.sin6_family = AF_INET6, .sin6_addr = in6addr_any};
+        ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&any), sizeof(any)), 0);
+        ASSERT_EQ(listen(listener.get(), 1), 0);
+        socklen_t len = sizeof(any);
+        ASSERT_EQ(getsockname(listener.get(), reinterpret_cast<sockaddr*>(&any), &len), 0);
+
+        const bool v4 = strchr(c.connectTo, ':') == nullptr;
+        Utils::UniqueFd client{socket(v4 ? AF_INET : AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+        sockaddr_in to4{.sin_family = AF_INET, .sin_port = any.sin6_port};
+        sockaddr_in6 to6{.sin6_family = AF_INET6, .sin6_port = any.sin6_port};
+        ASSERT_EQ(
+            v4 ? inet_pton(AF_INET, c.connectTo, &to4.sin_addr) : inet_pton(AF_INET6, c.connectTo, &to6.sin6_addr), 1);
+        ASSERT_EQ(v4 ? connect(client.get(), reinterpret_cast<sockaddr*>(&to4), sizeof(to4))
+                     : connect(client.get(), reinterpret_cast<sockaddr*>(&to6), sizeof(to6)),
+                  0);
+        Utils::UniqueFd accepted{accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)};
+        EXPECT_EQ(peerAddress(accepted.get()), c.expected) << c.connectTo;
+    }
+    EXPECT_EQ(peerAddress(-1), "unknown");
+}
+
 TEST(ClipboardText, ClientTextBecomesUtf8WithinTheLimit) {
     struct Case {
         const char* name;
@@ -562,7 +397,6 @@ TEST(ClipboardText, ClientTextBecomesUtf8WithinTheLimit) {
         std::string expect;
     };
     const Case cases[] = {
-        {"plain", utf16(u"hello"), 100, "hello"},
         {"CRLF to LF, lone CR kept", utf16(u"a\r\nb\rc\n"), 100, "a\nb\rc\n"},
         {"stops at NUL", utf16(std::u16string(u"ab\0cd", 5)), 100, "ab"},
         {"two and three byte forms", utf16(u"ü€"), 100, "\xc3\xbc\xe2\x82\xac"},
@@ -574,7 +408,6 @@ TEST(ClipboardText, ClientTextBecomesUtf8WithinTheLimit) {
         {"limit cuts between characters", utf16(u"a€b"), 3, "a"},
         {"limit exactly", utf16(u"a€"), 4, "a\xe2\x82\xac"},
         {"zero limit", utf16(u"abc"), 0, ""},
-        {"empty", {}, 100, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -582,6 +415,7 @@ TEST(ClipboardText, ClientTextBecomesUtf8WithinTheLimit) {
     }
 }
 
+// Well-formedness and the way there and back are left to the fuzz target; here the line ends and the cuts.
 TEST(ClipboardText, XTextBecomesTerminatedUtf16WithinTheLimit) {
     struct Case {
         const char* name;
@@ -590,20 +424,13 @@ TEST(ClipboardText, XTextBecomesTerminatedUtf16WithinTheLimit) {
         std::u16string expect; // without the terminator
     };
     const Case cases[] = {
-        {"plain", "hi", 100, u"hi"},
         {"LF to CRLF", "a\nb", 100, u"a\r\nb"},
         {"CRLF kept as it is", "a\r\nb", 100, u"a\r\nb"},
-        {"multi-byte", "\xc3\xbc\xe2\x82\xac", 100, u"ü€"},
-        {"four-byte form to a pair", "\xf0\x9f\x98\x80", 100, u"\U0001F600"},
         {"invalid lead", "a\xffz", 100, u"a\xfffdz"},
-        {"truncated sequence", "a\xe2\x82", 100, u"a\xfffd\xfffd"},
-        {"overlong form", "\xc0\xaf", 100, u"\xfffd\xfffd"},
-        {"encoded surrogate", "\xed\xa0\x80", 100, u"\xfffd\xfffd\xfffd"},
         {"stops at NUL", std::string_view("ab\0c", 4), 100, u"ab"},
         {"limit keeps the terminator", "abcdef", 8, u"abc"},
         {"a pair is not split", "a\xf0\x9f\x98\x80", 6, u"a"},
         {"CRLF is not split", "a\nb", 5, u"a"},
-        {"tiny limit gives the terminator alone", "abc", 1, u""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -619,13 +446,12 @@ TEST(ClipboardText, PolicyBitsLimitAndFormats) {
         bool toServer, toClient;
         size_t expectLimit;
     };
+    // Bit 24 lets text go to the client, bit 25 to the server, as the daemon stores them.
     const Case cases[] = {
         {0x08000000, 0, false, false, clipboardHardLimit},
         {0x08000000 | (1u << 24), 100, false, true, 100},
         {0x08000000 | (1u << 25), 100, true, false, 100},
-        {0x3f00002c, 0, true, true, clipboardHardLimit},
         {(1u << 24) | (1u << 25), 0xffffffff, true, true, clipboardHardLimit},
-        {(1u << 26), 10, false, false, 10},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.bits);
@@ -634,6 +460,7 @@ TEST(ClipboardText, PolicyBitsLimitAndFormats) {
         EXPECT_EQ(policy.serverToClient, c.toClient);
         EXPECT_EQ(policy.limit, c.expectLimit);
     }
+    // The client's format list: Unicode text or nothing.
     const uint32_t withUnicode[] = {1, 7, 13, 0xc0a1};
     const uint32_t ansiOnly[] = {1, 7};
     EXPECT_EQ(pickTextFormat(withUnicode), formatUnicodeText);
@@ -655,9 +482,6 @@ TEST(MonitorLayout, OneMonitorResizesSeveralGoToTheServiceBadOnesAreIgnored) {
         {"one monitor, new size", {hd}, K::Resize, 1920, 1080},
         {"one monitor, same size", {{.width = 1024, .height = 768}}, K::Ignore},
         {"two monitors", {hd, side}, K::Monitors},
-        {"none", {}, K::Ignore},
-        {"too narrow", {{.width = 199, .height = 600}}, K::Ignore},
-        {"too tall", {{.width = 800, .height = 8193}}, K::Ignore},
         {"smallest and largest", {{.width = 200, .height = 8192}}, K::Resize, 200, 8192},
         {"one bad among several", {hd, {.width = 100, .height = 100}}, K::Ignore},
         {"seventeen monitors", std::vector<Monitor>(17, hd), K::Ignore},
@@ -666,77 +490,90 @@ TEST(MonitorLayout, OneMonitorResizesSeveralGoToTheServiceBadOnesAreIgnored) {
         SCOPED_TRACE(c.name);
         const auto request = layoutRequest(c.monitors, 1024, 768);
         EXPECT_EQ(request.kind, c.kind) << request.reason;
-        if (c.kind == K::Resize) {
-            EXPECT_EQ(request.width, c.width);
-            EXPECT_EQ(request.height, c.height);
-        }
-        if (c.kind == K::Monitors) {
-            ASSERT_EQ(request.monitors.size(), c.monitors.size());
-            EXPECT_EQ(request.monitors[1].left, 1920);
-        }
-        if (c.kind == K::Ignore) {
-            EXPECT_FALSE(request.reason.empty());
-        }
+        EXPECT_EQ(request.width, c.width);
+        EXPECT_EQ(request.height, c.height);
+        EXPECT_EQ(request.monitors.size(), c.kind == K::Monitors ? c.monitors.size() : 0);
+        EXPECT_EQ(request.reason.empty(), c.kind != K::Ignore);
     }
 }
 
 namespace {
 
-// A peer's context for the encoder with the updates it sends decoded onto a canvas, as a client would.
+// A client's side of the encoder: the updates it sends are decoded onto a canvas as FreeRDP's client does.
 struct DecodingPeer {
     rdpContext context{}; // first: the update callbacks get this address
     rdpUpdate update{};
     rdpSettings* settings = freerdp_settings_new(FREERDP_SETTINGS_SERVER_MODE);
     BITMAP_PLANAR_CONTEXT* planar = freerdp_bitmap_planar_context_new(0, 64, 64);
+    RFX_CONTEXT* rfx = rfx_context_new(FALSE);
     uint32_t width, height;
     std::vector<uint8_t> canvas;
-    size_t updates = 0, rectangles = 0;
-    bool decodeFailed = false;
+    size_t updates = 0, largest = 0, begins = 0, ends = 0;
+    bool failed = false;
 
-    DecodingPeer(uint32_t w, uint32_t h, uint32_t depth) : width(w), height(h), canvas(size_t{w} * h * 4, 0) {
+    static DecodingPeer* of(rdpContext* context) { return reinterpret_cast<DecodingPeer*>(context); }
+    void sent(size_t bytes) {
+        ++updates;
+        largest = std::max(largest, bytes);
+    }
+
+    DecodingPeer(uint32_t w, uint32_t h, uint32_t depth, bool remoteFx, uint32_t multifrag)
+        : width(w), height(h), canvas(size_t{w} * h * 4, 0) {
         settings->DesktopWidth = w;
         settings->DesktopHeight = h;
         settings->ColorDepth = depth;
-        settings->RemoteFxCodec = FALSE;
+        settings->RemoteFxCodec = remoteFx;
+        settings->SurfaceCommandsEnabled = remoteFx;
+        settings->MultifragMaxRequestSize = multifrag;
+        rfx_context_set_pixel_format(rfx, PIXEL_FORMAT_BGRX32);
         context.settings = settings;
         context.update = &update;
         update.context = &context;
         update.BitmapUpdate = [](rdpContext* ctx, const BITMAP_UPDATE* bitmap) -> BOOL {
-            auto* self = reinterpret_cast<DecodingPeer*>(ctx);
-            ++self->updates;
+            auto* self = of(ctx);
+            size_t bytes = 0;
             for (UINT32 i = 0; i < bitmap->number; ++i) {
                 const BITMAP_DATA& b = bitmap->rectangles[i];
-                ++self->rectangles;
-                // As FreeRDP's client does: planar for compressed 32 bpp, a flipped copy for uncompressed data.
+                bytes += b.bitmapLength;
+                // Planar for compressed 32 bpp, packed rows for uncompressed data.
                 const UINT32 format = b.bitsPerPixel == 24   ? PIXEL_FORMAT_BGR24
                                       : b.bitsPerPixel == 16 ? PIXEL_FORMAT_RGB16
                                                              : PIXEL_FORMAT_RGB15;
-                const bool ok = b.compressed ? b.bitsPerPixel == 32 &&
-                                                   planar_decompress(self->planar, b.bitmapDataStream, b.bitmapLength,
-                                                                     b.width, b.height, self->canvas.data(),
-                                                                     PIXEL_FORMAT_BGRX32, self->width * 4, b.destLeft,
-                                                                     b.destTop, b.width, b.height, TRUE)
-                                             : b.bitmapLength == b.width * b.height * GetBytesPerPixel(format) &&
-                                                   self->copyFlipped(b, format);
-                self->decodeFailed |=
+                const bool ok =
+                    b.compressed
+                        ? b.bitsPerPixel == 32 &&
+                              planar_decompress(self->planar, b.bitmapDataStream, b.bitmapLength, b.width, b.height,
+                                                self->canvas.data(), PIXEL_FORMAT_BGRX32, self->width * 4, b.destLeft,
+                                                b.destTop, b.width, b.height, TRUE)
+                        : b.bitmapLength == b.width * b.height * GetBytesPerPixel(format) &&
+                              freerdp_image_copy(self->canvas.data(), PIXEL_FORMAT_BGRX32, self->width * 4, b.destLeft,
+                                                 b.destTop, b.width, b.height, b.bitmapDataStream, format,
+                                                 b.width * GetBytesPerPixel(format), 0, 0, nullptr,
+                                                 FREERDP_FLIP_VERTICAL); // rows bottom up
+                self->failed |=
                     !ok || b.destRight != b.destLeft + b.width - 1 || b.destBottom != b.destTop + b.height - 1;
             }
+            self->sent(bytes);
+            return TRUE;
+        };
+        update.SurfaceBits = [](rdpContext* ctx, const SURFACE_BITS_COMMAND* cmd) -> BOOL {
+            auto* self = of(ctx);
+            REGION16 region;
+            region16_init(&region);
+            self->failed |= !rfx_process_message(self->rfx, cmd->bmp.bitmapData, cmd->bmp.bitmapDataLength,
+                                                 cmd->destLeft, cmd->destTop, self->canvas.data(), PIXEL_FORMAT_BGRX32,
+                                                 self->width * 4, self->height, &region);
+            region16_uninit(&region);
+            self->sent(cmd->bmp.bitmapDataLength);
+            return TRUE;
+        };
+        update.SurfaceFrameMarker = [](rdpContext* ctx, const SURFACE_FRAME_MARKER* marker) -> BOOL {
+            ++(marker->frameAction == SURFACECMD_FRAMEACTION_BEGIN ? of(ctx)->begins : of(ctx)->ends);
             return TRUE;
         };
     }
-    // Uncompressed data: rows bottom up, packed.
-    bool copyFlipped(const BITMAP_DATA& b, UINT32 format) {
-        const UINT32 step = b.width * GetBytesPerPixel(format);
-        for (UINT32 row = 0; row < b.height; ++row) {
-            if (!freerdp_image_copy(canvas.data(), PIXEL_FORMAT_BGRX32, width * 4, b.destLeft, b.destTop + row, b.width,
-                                    1, b.bitmapDataStream + (b.height - 1 - row) * step, format, step, 0, 0, nullptr,
-                                    FREERDP_FLIP_NONE)) {
-                return false;
-            }
-        }
-        return true;
-    }
     ~DecodingPeer() {
+        rfx_context_free(rfx);
         freerdp_bitmap_planar_context_free(planar);
         freerdp_settings_free(settings);
     }
@@ -762,166 +599,72 @@ std::vector<uint8_t> syntheticScreen(uint32_t width, uint32_t height) {
 
 } // namespace
 
-TEST(Encoder, BitmapUpdatesDecodeToTheScreenTheyWereTakenFrom) {
+// Each codec's updates decode to the screen they were taken from, and no update is larger than the client takes
+// (its multi-fragment size, or one fast-path PDU's worth without it).
+TEST(Encoder, UpdatesDecodeToTheScreenWithinTheClientsLimit) {
     struct Case {
         const char* name;
         uint32_t depth;
         Codec codec;
-        int tolerance; // per colour channel
+        uint32_t multifrag;
         std::vector<Rect> rects;
+        bool split;    // more than one update
+        int tolerance; // per colour channel: the largest error, the mean error for the lossy RemoteFX
     };
+    const Rect all{0, 0, 640, 480};
     const Case cases[] = {
-        {"planar, whole screen", 32, Codec::Planar, 0, {{0, 0, 200, 150}}},
-        {"planar, odd rectangles", 32, Codec::Planar, 0, {{3, 5, 17, 9}, {150, 100, 50, 50}, {199, 149, 1, 1}}},
-        {"uncompressed 24 bpp", 24, Codec::Uncompressed, 0, {{0, 0, 200, 150}}},
-        {"uncompressed 16 bpp", 16, Codec::Uncompressed, 8, {{0, 0, 200, 150}}},
-        {"uncompressed 15 bpp", 15, Codec::Uncompressed, 8, {{5, 7, 100, 70}}},
+        {"planar, no multi-fragment support", 32, Codec::Planar, 0, {all}, true, 0},
+        {"planar, a large limit takes it at once", 32, Codec::Planar, 0x400000, {all}, false, 0},
+        {"planar, odd rectangles",
+         32,
+         Codec::Planar,
+         0x10000,
+         {{3, 5, 17, 9}, {150, 100, 50, 50}, {639, 479, 1, 1}},
+         false,
+         0},
+        {"uncompressed 24 bpp", 24, Codec::Uncompressed, 0x400000, {all}, false, 0},
+        {"uncompressed 16 bpp", 16, Codec::Uncompressed, 0, {all}, true, 8},
+        {"uncompressed 15 bpp", 15, Codec::Uncompressed, 0x400000, {{5, 7, 100, 70}}, false, 8},
+        {"RemoteFX, whole screen", 32, Codec::RemoteFx, 0x400000, {all}, false, 6},
+        {"RemoteFX, whole screen in groups", 32, Codec::RemoteFx, 0x40000, {all}, true, 6},
+        {"RemoteFX, rectangles in groups",
+         32,
+         Codec::RemoteFx,
+         0x30000,
+         {{0, 0, 300, 200}, {350, 250, 290, 230}, {10, 400, 5, 5}},
+         true,
+         6},
+        {"RemoteFX, a character", 32, Codec::RemoteFx, 0x400000, {{100, 100, 8, 16}}, false, 6},
     };
-    const uint32_t width = 200, height = 150;
-    const auto frame = syntheticScreen(width, height);
+    const auto frame = syntheticScreen(all.width, all.height);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        DecodingPeer peer(width, height, c.depth);
+        DecodingPeer peer(all.width, all.height, c.depth, c.codec == Codec::RemoteFx, c.multifrag);
         Encoder encoder(&peer.context, true);
         ASSERT_EQ(encoder.codec(), c.codec);
-        ASSERT_TRUE(encoder.send(frame.data(), width * 4, width, height, c.rects));
-        EXPECT_FALSE(peer.decodeFailed);
-        EXPECT_GT(peer.rectangles, 0u);
-        // Every pixel of the rectangles (widened to whole 4-pixel columns) arrived.
-        size_t wrong = 0;
+        ASSERT_TRUE(encoder.send(frame.data(), all.width * 4, all.width, all.height, c.rects));
+        EXPECT_FALSE(peer.failed);
+        EXPECT_EQ(peer.updates > 1, c.split) << peer.updates << " updates";
+        EXPECT_LE(peer.largest, std::max<size_t>(c.multifrag, 0x3f00) - 1024);
+        if (c.codec == Codec::RemoteFx) {
+            EXPECT_EQ(peer.begins, 1u);
+            EXPECT_EQ(peer.ends, 1u);
+        }
+        int worst = 0;
+        double sum = 0, samples = 0;
         for (const auto& r : c.rects) {
             for (int y = r.y; y < r.bottom(); ++y) {
                 for (int x = r.x; x < r.right(); ++x) {
-                    const size_t at = (static_cast<size_t>(y) * width + static_cast<size_t>(x)) * 4;
-                    for (int k = 0; k < 3; ++k) {
-                        wrong += std::abs(int{frame[at + k]} - int{peer.canvas[at + k]}) > c.tolerance;
-                    }
-                }
-            }
-        }
-        EXPECT_EQ(wrong, 0u);
-    }
-}
-
-TEST(Encoder, LargeFramesAreSplitIntoUpdatesWithinTheClientsLimit) {
-    const uint32_t width = 1024, height = 768;
-    const auto frame = syntheticScreen(width, height);
-    struct Case {
-        uint32_t multifrag;
-        bool split;
-    };
-    // No multi-fragment support: one fast-path PDU's worth; a large limit takes the whole frame at once.
-    for (const auto [multifrag, split] : {Case{0, true}, Case{0x10000, true}, Case{0x400000, false}}) {
-        SCOPED_TRACE(multifrag);
-        DecodingPeer peer(width, height, 32);
-        peer.settings->MultifragMaxRequestSize = multifrag;
-        size_t largest = 0;
-        peer.update.BitmapUpdate = [](rdpContext* ctx, const BITMAP_UPDATE* bitmap) -> BOOL {
-            auto* self = reinterpret_cast<DecodingPeer*>(ctx);
-            ++self->updates;
-            size_t bytes = 0;
-            for (UINT32 i = 0; i < bitmap->number; ++i) {
-                bytes += bitmap->rectangles[i].bitmapLength;
-            }
-            self->rectangles = std::max<size_t>(self->rectangles, bytes);
-            return TRUE;
-        };
-        Encoder encoder(&peer.context, true);
-        ASSERT_TRUE(encoder.send(frame.data(), width * 4, width, height, {{0, 0, 1024, 768}}));
-        largest = peer.rectangles;
-        EXPECT_LE(largest, std::max<size_t>(multifrag, 0x3f00) - 1024);
-        EXPECT_EQ(peer.updates > 1, split) << peer.updates << " updates";
-    }
-}
-
-TEST(DamageRegion, ManyScatteredRectanglesBecomeRowBandsThenTheCap) {
-    // Three bands of rows, each with many small, far apart rectangles.
-    std::vector<Rect> rects;
-    for (int band : {0, 300, 600}) {
-        for (int i = 0; i < 30; ++i) {
-            rects.push_back({i * 60, band + (i % 3), 8, 16});
-        }
-    }
-    const Rect screen{0, 0, 1920, 1080};
-    const auto merged = mergeRects(rects, screen, 8);
-    ASSERT_EQ(merged.size(), 3u);
-    for (const auto& r : rects) {
-        EXPECT_TRUE(std::any_of(merged.begin(), merged.end(), [&](const Rect& m) { return m.contains(r); }));
-    }
-    for (const auto& m : merged) {
-        EXPECT_LE(m.height, 18);
-    }
-}
-
-TEST(Encoder, RemoteFxFramesDecodeCloseToTheScreenWhateverTheClientsLimit) {
-    const uint32_t width = 640, height = 480;
-    const auto frame = syntheticScreen(width, height);
-    struct Case {
-        const char* name;
-        uint32_t multifrag;
-        std::vector<Rect> rects;
-    };
-    const Case cases[] = {
-        {"whole screen, large limit", 0x400000, {{0, 0, 640, 480}}},
-        {"whole screen in groups", 0x40000, {{0, 0, 640, 480}}},
-        {"several rectangles in groups", 0x30000, {{0, 0, 300, 200}, {350, 250, 290, 230}, {10, 400, 5, 5}}},
-        {"a character", 0x400000, {{100, 100, 8, 16}}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        DecodingPeer peer(width, height, 32);
-        peer.settings->RemoteFxCodec = TRUE;
-        peer.settings->SurfaceCommandsEnabled = TRUE;
-        peer.settings->MultifragMaxRequestSize = c.multifrag;
-        struct Decoder {
-            RFX_CONTEXT* rfx = rfx_context_new(FALSE);
-            size_t largest = 0, commands = 0, begins = 0, ends = 0;
-            bool failed = false;
-            ~Decoder() { rfx_context_free(rfx); }
-        };
-        static Decoder* decoder = nullptr;
-        Decoder state;
-        decoder = &state;
-        rfx_context_set_pixel_format(state.rfx, PIXEL_FORMAT_BGRX32);
-        peer.update.SurfaceBits = [](rdpContext* ctx, const SURFACE_BITS_COMMAND* cmd) -> BOOL {
-            auto* self = reinterpret_cast<DecodingPeer*>(ctx);
-            REGION16 region;
-            region16_init(&region);
-            decoder->failed |= !rfx_process_message(decoder->rfx, cmd->bmp.bitmapData, cmd->bmp.bitmapDataLength,
-                                                    cmd->destLeft, cmd->destTop, self->canvas.data(),
-                                                    PIXEL_FORMAT_BGRX32, self->width * 4, self->height, &region);
-            region16_uninit(&region);
-            decoder->largest = std::max<size_t>(decoder->largest, cmd->bmp.bitmapDataLength);
-            ++decoder->commands;
-            return TRUE;
-        };
-        peer.update.SurfaceFrameMarker = [](rdpContext*, const SURFACE_FRAME_MARKER* marker) -> BOOL {
-            ++(marker->frameAction == SURFACECMD_FRAMEACTION_BEGIN ? decoder->begins : decoder->ends);
-            return TRUE;
-        };
-        Encoder encoder(&peer.context, true);
-        ASSERT_EQ(encoder.codec(), Codec::RemoteFx);
-        ASSERT_TRUE(encoder.send(frame.data(), width * 4, width, height, c.rects));
-        EXPECT_FALSE(state.failed);
-        EXPECT_EQ(state.begins, 1u);
-        EXPECT_EQ(state.ends, 1u);
-        EXPECT_GE(state.commands, 1u);
-        EXPECT_LE(state.largest, c.multifrag - 1024);
-        // Lossy, but close: the mean error per channel inside the rectangles.
-        double error = 0;
-        size_t samples = 0;
-        for (const auto& r : c.rects) {
-            for (int y = r.y; y < r.bottom(); ++y) {
-                for (int x = r.x; x < r.right(); ++x) {
-                    const size_t at = (static_cast<size_t>(y) * width + static_cast<size_t>(x)) * 4;
-                    for (int k = 0; k < 3; ++k) {
-                        error += std::abs(int{frame[at + k]} - int{peer.canvas[at + k]});
+                    const size_t at = (static_cast<size_t>(y) * all.width + static_cast<size_t>(x)) * 4;
+                    for (size_t k = 0; k < 3; ++k) {
+                        const int error = std::abs(int{frame[at + k]} - int{peer.canvas[at + k]});
+                        worst = std::max(worst, error);
+                        sum += error;
                         ++samples;
                     }
                 }
             }
         }
-        EXPECT_LT(error / static_cast<double>(samples), 6.0);
-        decoder = nullptr;
+        EXPECT_LE(c.codec == Codec::RemoteFx ? sum / samples : worst, c.tolerance);
     }
 }

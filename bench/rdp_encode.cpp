@@ -3,7 +3,7 @@
 // codec calls) with the updates counted instead of sent. A screen of text-like content; prints milliseconds and
 // bytes per update and asserts nothing.
 //
-//   build/tests/bench/vexa_bench_rdp_encode [WIDTH HEIGHT [ROUNDS]]
+//   build/bench/vexa_bench_rdp_encode [WIDTH HEIGHT [ROUNDS]]
 
 #include <algorithm>
 #include <chrono>

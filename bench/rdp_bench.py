@@ -23,7 +23,7 @@ import sys
 import threading
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "system"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "system"))
 import rdp_client  # noqa: E402
 
 import dbus  # noqa: E402

@@ -18,7 +18,7 @@ import time
 
 import dbus
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tests" / "system"))
 from conftest import (BUS_NAME, CONFIG, INTERFACE, OBJECT_PATH, XVFB, Calls, Procs, Service, cursor,  # noqa: E402
                       dispatch, journal, run, wait_for)
 

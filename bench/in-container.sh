@@ -7,7 +7,7 @@ exec >/e2e/out/run.log 2>&1
 . /etc/vexa-e2e.env
 seconds=${E2E_PYTEST_ARGS[0]:-3}
 rounds=${E2E_PYTEST_ARGS[1]:-3}
-tools=$E2E_BUILD_DIR/tests/bench
+tools=$E2E_BUILD_DIR/bench
 caller=vexa-bench-caller
 
 systemctl start dbus.service systemd-logind.service || exit 1
