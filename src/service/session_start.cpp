@@ -234,6 +234,13 @@ StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, Se
     const auto failed = [](bool authFailed = false) {
         return StartSessionResult{nullptr, StartStatus::StartFailed, authFailed};
     };
+    // The session manager ended before logind knew it (a refused password, a refused account, a failed PAM
+    // session). It is reaped by now or soon; its pid is not asked about again, as it may be reused.
+    const auto endedEarly = [&manager, &failed] {
+        const int status = manager.status.get();
+        error("%s: %s failed, error: %s, code: %d", self, "sd_pid_get_session", Utils::errnoText(ESRCH).c_str(), ESRCH);
+        return failed(WIFEXITED(status) && WEXITSTATUS(status) == exitAuthFailed);
+    };
 
     // systemd-logind knows the session once the session manager's PAM session is open; the session manager
     // says so on its channel. logind's own changes and the session manager's end wake the wait as well.
@@ -245,6 +252,11 @@ StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, Se
         if (res >= 0) {
             sid.reset(text);
             break;
+        }
+        if (res == -ESRCH) {
+            // Ended between two looks, before its end woke the wait: the same outcome as that wake below (a
+            // refused password must count as one for the throttle).
+            return endedEarly();
         }
         if (res != -ENODATA) {
             error("%s: %s failed, error: %s, code: %d", self, "sd_pid_get_session", Utils::errnoText(-res).c_str(),
@@ -267,12 +279,7 @@ StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, Se
         } else if (woken == 1) {
             sd_login_monitor_flush(monitor);
         } else if (woken == 2) {
-            // The session manager ended before logind knew it (a refused password, a refused account, a failed
-            // PAM session). It is reaped by now or soon; its pid is not asked about again, as it may be reused.
-            const int status = manager.status.get();
-            error("%s: %s failed, error: %s, code: %d", self, "sd_pid_get_session", Utils::errnoText(ESRCH).c_str(),
-                  ESRCH);
-            return failed(WIFEXITED(status) && WEXITSTATUS(status) == exitAuthFailed);
+            return endedEarly();
         } else if (woken == 3) {
             error("%s: service stopping, session id: %u, display: %u", self, session->sid, display);
             return failed();
