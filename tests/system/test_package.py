@@ -49,6 +49,9 @@ def call(bus, method, signature="", *args):
 def test_install_upgrade_with_a_live_session_remove_and_purge(bus, make_user):
     old, new = debs()
     assert not pathlib.Path("/usr/sbin/vexa_service").exists()
+    # This machine is a container image whose policy-rc.d forbids maintainer scripts to start services; a server
+    # has none, and the container's root is a throwaway overlay.
+    pathlib.Path("/usr/sbin/policy-rc.d").unlink(missing_ok=True)
     apt("install", old)
     assert [active(unit) for unit in UNITS] == ["active"] * 3
     for group in ("vexa", "vexa-admin", "vexa-monitor", "vexa-xauth"):
