@@ -55,17 +55,4 @@ TEST(Metrics, StartsCountByOutcomeAndOnlySuccessesTime) {
     }
 }
 
-TEST(Metrics, EveryFamilyIsDeclaredBeforeItsSamples) {
-    const std::string text = render(Counters().snapshot(), Gauges{}, 0, "1");
-    std::istringstream lines(text);
-    std::string declared;
-    for (std::string line; std::getline(lines, line);) {
-        if (line.rfind("# TYPE ", 0) == 0) {
-            declared = line.substr(7, line.find(' ', 7) - 7);
-        } else if (line[0] != '#') {
-            EXPECT_EQ(line.rfind(declared, 0), 0u) << line;
-        }
-    }
-}
-
 } // namespace

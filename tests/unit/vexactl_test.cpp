@@ -52,19 +52,6 @@ TEST(VexactlReport, IdleCountsFromTheLastDisconnectOrTheStart) {
     }
 }
 
-TEST(VexactlReport, DurationsKeepTwoUnits) {
-    const std::pair<int64_t, const char*> cases[] = {
-        {0, "0s"}, {59, "59s"}, {60, "1m00s"}, {3599, "59m59s"}, {3600, "1h00m"}, {86399, "23h59m"}, {90000, "1d01h"},
-    };
-    for (const auto& [seconds, text] : cases) {
-        EXPECT_EQ(formatDuration(seconds), text) << seconds;
-    }
-}
-
-TEST(VexactlReport, TableColumnsAlignOnTheWidestCell) {
-    EXPECT_EQ(renderTable({{"ID", "USER"}, {"12345", "al"}, {"7", "bob"}}), "ID     USER\n12345  al\n7      bob\n");
-}
-
 TEST(VexactlWords, RefuseWhatTheDaemonCouldMisread) {
     EXPECT_EQ(parseSwitch("on"), true);
     EXPECT_EQ(parseSwitch("0"), false);
