@@ -1,6 +1,7 @@
 """The metrics: scraped over HTTP from the loopback socket unit as Prometheus would, checked with promtool, and
 moving as sessions start, fail and end; the same text from vexactl; nothing served off loopback."""
 
+import pathlib
 import subprocess
 import urllib.error
 import urllib.request
@@ -45,7 +46,9 @@ def test_counters_move_as_sessions_start_fail_and_end(sessions, new_user, make_u
     assert sessions.request(username=third, password=PASSWORD, **PROGRAM) == -6
     procs.transport(sid, "192.0.2.9")
 
-    now = samples(scrape())
+    text = scrape()
+    pathlib.Path("/e2e/out/metrics.txt").write_text(text)  # kept for the record
+    now = samples(text)
     assert (starts(now, "success"), starts(now, "wrong_password"), starts(now, "refused")) == (1, 1, 1)
     assert now["vexa_session_start_duration_seconds_count"] == 1
     assert 0 < now["vexa_session_start_duration_seconds_sum"] < 30
