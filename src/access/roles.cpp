@@ -112,9 +112,14 @@ const std::vector<MethodGroup>& methodGroups() {
     return table;
 }
 
+const MethodGroup& metricsGroup() {
+    static const MethodGroup group{"metrics", readers, "", false, {"metricsText"}};
+    return group;
+}
+
 const MethodGroup* findMethodGroup(std::string_view method) {
     static const auto index = [] {
-        std::unordered_map<std::string_view, const MethodGroup*> map;
+        std::unordered_map<std::string_view, const MethodGroup*> map{{"metricsText", &metricsGroup()}};
         for (const auto& group : methodGroups()) {
             for (const auto name : group.methods) {
                 map.emplace(name, &group);
@@ -195,6 +200,11 @@ std::string busPolicy() {
                 xml += name;
                 xml += "\"/>\n";
             }
+        }
+        if (metricsGroup().roles & role) {
+            xml += "    <!-- metrics -->\n    <allow send_destination=\"ru.kelvo.vexa\" send_interface=\"";
+            xml += metricsInterface;
+            xml += "\" send_member=\"metricsText\"/>\n";
         }
         xml += "    <allow receive_sender=\"ru.kelvo.vexa\"/>\n  </policy>\n";
     }

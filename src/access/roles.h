@@ -43,7 +43,12 @@ struct MethodGroup {
 // The table: every method of the interface in exactly one group.
 const std::vector<MethodGroup>& methodGroups();
 
-// The group of a method; nullptr for a name that is not a method of the interface.
+// The daemon's metrics, on the same object under an interface of their own (the interface above stays as it is):
+// one method, metricsText, for every role.
+inline constexpr std::string_view metricsInterface = "ru.kelvo.vexa.Metrics";
+const MethodGroup& metricsGroup();
+
+// The group of a method (of the interface, or metricsText); nullptr for any other name.
 const MethodGroup* findMethodGroup(std::string_view method);
 
 // The roles given by a caller's supplementary and primary groups, with `gidOf` the gid of each role's group (-1

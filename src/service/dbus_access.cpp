@@ -85,6 +85,7 @@ DBusService::CallVerdict DBusService::admitCall(const char* method) {
         auto admission = requestLimiter.admit(verdict.caller, Access::RateLimiter::Clock::now());
         if (!admission.ticket) {
             const auto defs = defaults();
+            counters.throttled(Metrics::Throttle::Rate);
             warning("%s: rate limited, caller uid: %u, pid: %d, sender: %s, in flight: %u (limit %u), last minute: %u "
                     "(limit %u)",
                     method, info.uid, info.pid, verdict.caller.c_str(), admission.inFlight, defs.requestsInFlight,

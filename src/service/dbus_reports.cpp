@@ -2,8 +2,10 @@
 
 #include <fstream>
 #include <optional>
+#include <set>
 #include <thread>
 
+#include "common/utils.h"
 #include "dbus_service.h"
 #include "session/report.h"
 
@@ -128,6 +130,37 @@ std::string DBusService::vexaTransportDisplayDBusAddress(const uint32_t& display
         info("%s: display: %u, session dbus address: `%s'", "vexaTransportDisplayDBusAddress", display,
              address.c_str());
         return address;
+    });
+}
+
+std::string DBusService::metricsText() {
+    return serve("metricsText", std::string(), [this] {
+        Metrics::Gauges gauges;
+        std::vector<SessionPtr> quiet; // started and without a transport: frozen or not, read outside the lock
+        std::set<std::string> users;
+        sessions.locked([&](const SessionRegistry::Map& map) {
+            gauges.sessions = static_cast<uint32_t>(map.size());
+            for (const auto& [id, session] : map) {
+                users.insert(session->user ? session->user->name : std::string());
+                for (const auto& slot : session->transports) {
+                    gauges.transports += slot.isConnected() ? 1 : 0;
+                }
+                if (session->haveActiveConnects()) {
+                    ++gauges.connected;
+                } else if (session->pid2 > 0) {
+                    ++gauges.disconnected;
+                    quiet.push_back(session);
+                }
+            }
+        });
+        gauges.users = static_cast<uint32_t>(users.size());
+        // The cgroup's own state file: the freezer may be mid-way, and reading it is I/O the sessions lock must
+        // not wait for. The cgroup path is set once logind knows the session and never changes afterwards.
+        for (const auto& session : quiet) {
+            gauges.frozen += session->frozen() ? 1 : 0;
+        }
+        const double uptime = std::chrono::duration<double>(std::chrono::steady_clock::now() - startedAt).count();
+        return Metrics::render(counters.snapshot(), gauges, uptime, productVersion("SERVICE"));
     });
 }
 

@@ -74,6 +74,7 @@ WorkPool::Clock::time_point DBusService::throttleSlot(const char* method, const 
     const auto slot = throttle.admit(user, caller, now);
     if (slot.notBefore > now) {
         const auto delay = std::chrono::duration_cast<std::chrono::milliseconds>(slot.notBefore - now);
+        counters.throttled(Metrics::Throttle::Password);
         notice("%s: throttled, user: %s, caller: %s, failures: %u, delayed: %u ms", method, user.c_str(),
                caller.c_str(), slot.failures, static_cast<unsigned>(delay.count()));
     }
@@ -98,19 +99,31 @@ void DBusService::throttleOutcome(const std::string& user, const std::string& ca
 }
 
 int32_t DBusService::requestSession(const StartSessionArgs& args, const std::string& caller, SessionPtr& session) {
+    const auto begin = std::chrono::steady_clock::now();
     const auto started = startSession(args);
     if (args.password && (started.session || started.authFailed)) {
         throttleOutcome(args.user, caller, !started.authFailed);
     }
+    const auto count = [&](Metrics::StartOutcome outcome) {
+        counters.startFinished(outcome, std::chrono::steady_clock::now() - begin);
+    };
     if (started.status != StartStatus::Success) {
+        const bool limits = started.status == StartStatus::FullHouse || started.status == StartStatus::PolicyRefused ||
+                            started.status == StartStatus::NotAllowed;
+        count(started.authFailed ? Metrics::StartOutcome::WrongPassword
+              : limits           ? Metrics::StartOutcome::Refused
+                                 : Metrics::StartOutcome::Failed);
         return sessionRequestReply(started.status);
     }
     if (!started.session) {
+        count(Metrics::StartOutcome::Failed);
         return noSession;
     }
     if (!sessionCheckPolicyConnection(*started.session)) {
+        count(Metrics::StartOutcome::Refused);
         return connectRefused;
     }
+    count(Metrics::StartOutcome::Success);
     session = started.session;
     return 0;
 }

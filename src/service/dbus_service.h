@@ -36,6 +36,7 @@
 #include "common/work_pool.h"
 #include "event_loop.h"
 #include "limits/resource_limits.h"
+#include "metrics/counters.h"
 #include "polkit.h"
 #include "programs/program_list.h"
 #include "session/child_table.h"
@@ -119,6 +120,9 @@ public:
     // until systemd-logind knows the new session and its bus is up (or those waits gave up, or the service
     // stops). Never throws.
     StartSessionResult startSession(const StartSessionArgs& args);
+
+    // The metrics of ru.kelvo.vexa.Metrics (dbus_reports.cpp): counters and the registry's gauges as Prometheus text.
+    std::string metricsText();
 
     // Watchers, run by the watcher thread only (watcherLoop).
     // Sessions whose session manager has exited leave the registry and are announced as ended.
@@ -719,7 +723,9 @@ private:
     // The start workers: session starts and password checks. Sized by "start:workers" (read at start and at
     // every reload); stopped, with every queued call answered, by the stop sequence.
     WorkPool startPool{"startWorker", 8};
-    AuthThrottle throttle; // failed logins per user and per caller; thread-safe
+    AuthThrottle throttle;      // failed logins per user and per caller; thread-safe
+    Metrics::Counters counters; // starts by outcome, their latency, throttled requests; thread-safe
+    const std::chrono::steady_clock::time_point startedAt = std::chrono::steady_clock::now();
 
     std::mutex assistanceLock; // one remote-assistance request at a time: its check and its start go together
 

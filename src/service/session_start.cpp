@@ -254,7 +254,8 @@ StartSessionResult DBusService::waitSessionStarted(const SessionPtr& session, Se
             break;
         }
         if (res == -ESRCH) {
-            // Gone already when asked: the same end as when its pidfd woke the wait below.
+            // Ended between two looks, before its end woke the wait: the same outcome as that wake below (a
+            // refused password must count as one for the throttle).
             return endedEarly();
         }
         if (res != -ENODATA) {

@@ -95,6 +95,8 @@ TEST(RoleTable, DecisionsByRole) {
     };
     const Case cases[] = {
         {"vexaStatus", Monitor, Decision::Allowed},
+        {"metricsText", Monitor, Decision::Allowed},
+        {"metricsText", 0, Decision::Refused},
         {"vexaTransportDisplayDBusAddress", Monitor, Decision::Refused},
         {"vexaSessionRequest", Monitor, Decision::Refused},
         {"vexaSessionRequest", Transport, Decision::Allowed},
